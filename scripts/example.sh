@@ -1,0 +1,6 @@
+#!/usr/bin/env bash
+# Builds everything and runs the main example program.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/build.sh
+exec ./build/qzrun examples/count.qz -p GP0 -p KXX

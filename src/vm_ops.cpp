@@ -1,0 +1,25 @@
+// Model instructions whose bodies are not part of this build yet. Each one
+// fails loudly with its own name instead of silently doing nothing.
+#include <QZ/QZMISC>
+
+namespace QZ {
+
+static void missing(const char* name) { throw std::logic_error(std::string(name) + " is not available yet"); }
+
+void vm_t::estimateFunc() { missing("ESTIMATE"); }
+void vm_t::statsFunc() { missing("STATS"); }
+void vm_t::modelFunc() { missing("MODEL"); }
+void vm_t::inferFunc() { missing("INFER"); }
+void vm_t::predictFunc() { missing("PREDICT"); }
+void vm_t::scoreFunc() { missing("SCORE"); }
+void vm_t::sampleFunc() { missing("SAMPLE"); }
+void vm_t::convertGraphST() { missing("STGRAPH"); }
+void vm_t::convertGraphDBT() { missing("BOLTZMANNTREE"); }
+void vm_t::convertGraphJT() { missing("JUNCTIONTREE"); }
+void vm_t::getBaseGraph() { missing("BASEGRAPH"); }
+void vm_t::initLatent() { missing("INITLATENT"); }
+void vm_t::initGauss() { missing("INITGAUSS"); }
+void vm_t::initZero() { missing("INITZERO"); }
+void vm_t::closedForm() { missing("CLOSEDFORM"); }
+
+}  // namespace QZ
