@@ -12,6 +12,8 @@ void vm_t::storeGraph() { throw std::logic_error("STORE GPT is not available yet
 
 size_t vm_t::getDim() const { return 0; }
 
+void vm_t::attachGraphToModel() {}
+
 bool vm_t::freeModel() {
     set(MPT, (void*)nullptr);
     return true;
