@@ -1,13 +1,109 @@
 // Loading, storing and releasing the data table of a context.
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>
+#include <QZ/QZIO>
+
+#include <fstream>
+#include <sstream>
 
 namespace QZ {
 
-void vm_t::loadData() { throw std::logic_error("LDX DPT is not available yet"); }
+namespace {
 
-void vm_t::storeData() { throw std::logic_error("STORE DPT is not available yet"); }
+typedef std::vector<std::vector<std::string>*> NameLists;
 
-void vm_t::freeData() { set(DPT, (void*)nullptr); }
+// The table is read against the coding of the model in MPT, if there is one:
+// the model's state names, or Y0, Y1, ... when the model has none. The model
+// also says how many hidden columns (and of how many states) the file lacks.
+template <typename idx_t, typename val_t> void loadData0(vm_t& vm) {
+    IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+    NameLists* YN = nullptr;
+    bool tempYN = false;
+    size_t Lnum = 0, Ly = 0;
+
+    if (io != nullptr) {
+        YN = io->Ynames;
+        if (YN == nullptr) {
+            YN = new NameLists();
+            tempYN = true;
+            const size_t V = io->G != nullptr ? (size_t)io->G->vertices() : 0;
+            for (size_t i = 0; i < V; ++i) {
+                std::vector<std::string>* names = new std::vector<std::string>();
+                for (size_t x = 0; x < (size_t)io->Y[i]; ++x) names->push_back("Y" + std::to_string(x));
+                YN->push_back(names);
+            }
+        }
+        const size_t gra = vm.get(vm_t::GRA);
+        const std::vector<size_t>* L = vm.getLP(vm_t::LPT);
+        // Without a layer list there is nothing to add.
+        if ((gra == vm_t::RBM || gra == vm_t::DBT) && L != nullptr && !L->empty()) {
+            for (size_t k = 1; k + 1 < L->size(); ++k) Lnum += L->at(k);
+            Ly = (size_t)io->Y[L->front()];
+        }
+    }
+
+    void* edp = vm.getP(vm_t::EDP);
+    const std::string* dfn = vm.getS(vm_t::DFN);
+    size_t magic = 0;
+    if (edp == nullptr) {
+        std::ifstream f(*dfn, std::ios::binary);
+        f.read(reinterpret_cast<char*>(&magic), 8);
+        f.close();
+    }
+
+    const size_t NX = vm.get(vm_t::NNN);
+    CategoricalData* D;
+    if (magic == CategoricalBinaryData::MAGIC)
+        D = new CategoricalBinaryData();
+    else if (edp != nullptr && NX != 0)
+        D = new CategoricalNumPyData(vm.getB(vm_t::YYC), YN);
+    else
+        D = new CategoricalCSVData(vm.getB(vm_t::HED), vm.getC(vm_t::MIS), vm.getB(vm_t::YYC), YN);
+
+    if (tempYN) {
+        for (auto* names : *YN) delete names;
+        delete YN;
+    }
+
+    if (edp == nullptr) {
+        D->read(*dfn);
+        D->addColumns(Lnum, Ly);
+        vm.set(vm_t::RES, filesize(*dfn));
+    } else if (NX != 0) {
+        // GPX is the byte size of the host array: its columns follow from the rows.
+        const size_t cols = vm.get(vm_t::GPX) / (NX * 2);
+        static_cast<CategoricalNumPyData*>(D)->read(static_cast<unsigned short*>(edp), NX, cols);
+    } else {
+        const std::string* text = static_cast<const std::string*>(edp);
+        std::istringstream in(*text);
+        D->read(in);
+        D->addColumns(Lnum, Ly);
+        vm.set(vm_t::RES, text->length());
+    }
+
+    vm.set(vm_t::DPT, (void*)D);
+    vm.set(vm_t::NNN, D->size());
+}
+
+struct LoadData {
+    vm_t& vm;
+    template <typename idx_t, typename val_t> void operator()() { loadData0<idx_t, val_t>(vm); }
+};
+
+}  // namespace
+
+// An IDX, VAL pair that names no instantiation loads nothing, silently.
+void vm_t::loadData() {
+    LoadData f{*this};
+    dispatch(f);
+}
+
+void vm_t::storeData() { static_cast<CategoricalData*>(getP(DPT))->store(*getS(DFN)); }
+
+void vm_t::freeData() {
+    void* p = getP(DPT);
+    if (p != nullptr && p != (void*)1) delete static_cast<CategoricalData*>(p);
+    set(DPT, (void*)nullptr);
+}
 
 }  // namespace QZ
