@@ -9,6 +9,7 @@ namespace QZ {
     template class Chain<T>;                                                                       \
     template class Star<T>;                                                                        \
     template class Grid<T>;                                                                        \
+    template class Kn<T>;                                                                          \
     template class RBMGraph<T>;                                                                    \
     template class STGraph<T>;                                                                     \
     template void adjFromCSV<T>(std::istream&, T*&, T&, T&, const char&);                          \
