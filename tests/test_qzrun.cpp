@@ -1,0 +1,168 @@
+// qzrun as users start it: a process with exit codes and messages.
+#include <gtest/gtest.h>
+#include <qz_test_util.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+using namespace qztest;
+
+namespace {
+
+struct Result {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char ch : s) {
+        if (ch == '\'')
+            q += "'\\''";
+        else
+            q += ch;
+    }
+    return q + "'";
+}
+
+// Runs qzrun with the arguments (each quoted for the shell) and collects its
+// exit code, standard output and standard error.
+Result qzrun(const std::vector<std::string>& args, const std::string& tag) {
+    const std::string out = tmpPath("qzrun_" + tag + ".out");
+    const std::string err = tmpPath("qzrun_" + tag + ".err");
+    std::string cmd = quote(QZ_QZRUN);
+    for (const std::string& a : args) cmd += " " + quote(a);
+    cmd += " </dev/null >" + quote(out) + " 2>" + quote(err);
+    const int status = std::system(cmd.c_str());
+    Result r;
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = readFile(out);
+    r.err = readFile(err);
+    return r;
+}
+
+std::string program(const std::string& tag, const std::string& text) {
+    const std::string p = tmpPath("qzrun_" + tag + ".qz");
+    writeFile(p, text);
+    return p;
+}
+
+}  // namespace
+
+TEST(Qzrun, RunsTheCountingExample) {
+    const Result r = qzrun({std::string(QZ_SOURCE_DIR) + "/examples/count.qz", "-p", "GP0", "-p", "KXX"}, "count");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "GP0=5\nKXX=10\n");
+    EXPECT_EQ(r.err, "");
+}
+
+TEST(Qzrun, ErrorNamesTheLineCountedFromOne) {
+    const std::string p = program("bad", "INC KXX;\n# a comment\nFOO 3\nINC KXX;\n");
+    const Result r = qzrun({p, "-p", "KXX"}, "bad");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "error at line 3: unknown syntax error\n");
+    EXPECT_EQ(r.out, "");
+}
+
+TEST(Qzrun, ResourceFailureIsOneLine) {
+    const std::string p = program("nomodel", "ESTIMATE;\n");
+    const Result r = qzrun({p}, "nomodel");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "error at line 1: no model loaded\n");
+}
+
+TEST(Qzrun, ConversionFailureIsOneLine) {
+    const std::string p = program("conv", "KXX 3\nSEP ,\n");
+    const Result r = qzrun({p}, "conv");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err.rfind("error at line 2: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1);
+}
+
+TEST(Qzrun, WritesRegistersByKind) {
+    const std::string p = program("kinds", "ADD LAM LAM;\n");
+    const Result r = qzrun({p, "-r", "LAM=0.25", "-r", "KXX=17", "-r", "MFN=my model.qzm", "-r", "SEP=;", "-r",
+                            "OVW=true", "-p", "LAM", "-p", "KXX", "-p", "MFN", "-p", "SEP", "-p", "OVW", "-p", "MIO"},
+                           "kinds");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "LAM=0.5\nKXX=17\nMFN=my model.qzm\nSEP=;\nOVW=true\nMIO=1000\n");
+}
+
+TEST(Qzrun, PrintsRealsAsNumbers) {
+    const std::string p = program("reals", "GP0 0.1\nGP1 -2.5e-7\n");
+    const Result r = qzrun({p, "-p", "GP0", "-p", "GP1", "-p", "EPO"}, "reals");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "GP0=0.1\nGP1=-2.5e-07\nEPO=1e-06\n");
+}
+
+TEST(Qzrun, RefusedSeparatorIsAnError) {
+    const std::string p = program("sep", "INC KXX;\n");
+    const Result r = qzrun({p, "-r", "SEP=|"}, "sep");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("separator | not supported"), std::string::npos) << r.err;
+}
+
+TEST(Qzrun, BadFlagsPrintUsage) {
+    const std::string p = program("flags", "INC KXX;\n");
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {p, "-x"}, {p, "-r"}, {p, "-p"}, {p, "-r", "KXX"}, {p, "-r", "=3"}, {}, {p, p}}) {
+        const Result r = qzrun(args, "flags");
+        EXPECT_EQ(r.code, 2) << (args.empty() ? "" : args.back());
+        EXPECT_NE(r.err.find("usage: qzrun"), std::string::npos) << r.err;
+    }
+}
+
+TEST(Qzrun, UnknownRegisterOrBadValueIsAUsageError) {
+    const std::string p = program("regs", "INC KXX;\n");
+    for (const auto& args : std::vector<std::vector<std::string>>{{p, "-p", "FOO"},
+                                                                  {p, "-r", "FOO=1"},
+                                                                  {p, "-r", "KXX=abc"},
+                                                                  {p, "-r", "KXX=-1"},
+                                                                  {p, "-r", "LAM=x"},
+                                                                  {p, "-r", "SEP=ab"},
+                                                                  {p, "-r", "OVW=maybe"}}) {
+        const Result r = qzrun(args, "regs");
+        EXPECT_EQ(r.code, 2) << args.back();
+        EXPECT_NE(r.err.find("usage: qzrun"), std::string::npos) << r.err;
+    }
+}
+
+TEST(Qzrun, MissingProgramFile) {
+    const Result r = qzrun({tmpPath("no_such_program.qz")}, "missing");
+    EXPECT_EQ(r.code, 2);
+    EXPECT_NE(r.err.find("cannot read program"), std::string::npos) << r.err;
+}
+
+TEST(Qzrun, NoProgressLineWithoutATerminal) {
+    const std::string p = program("quiet", "INC KXX;\n");
+    const Result r = qzrun({p}, "quiet");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "");
+}
+
+TEST(Qzrun, WindowsLineEndsAreAccepted) {
+    const std::string p = program("crlf", "KXX 7\r\nINC KXX;\r\n");
+    const Result r = qzrun({p, "-p", "KXX"}, "crlf");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "KXX=8\n");
+}
+
+TEST(Qzrun, SecondInterruptEndsWithOneLine) {
+    // A loop long enough to be interrupted twice; the first interrupt only asks
+    // long computations to stop, the second ends the process.
+    const std::string p = program("interrupt", "TXX 100000000\nBRR 2\nINC KXX;\nBLT KXX TXX BRR;\n");
+    const std::string err = tmpPath("qzrun_interrupt.err");
+    const std::string cmd = quote(QZ_QZRUN) + " " + quote(p) + " 2>" + quote(err) +
+                            " & pid=$!; sleep 0.5; kill -INT $pid; sleep 0.3; kill -INT $pid; wait $pid";
+    const int status = std::system(("bash -c " + quote(cmd)).c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 1);
+    const std::string e = readFile(err);
+    EXPECT_EQ(e.rfind("error at line ", 0), 0u) << e;
+    EXPECT_NE(e.find(": interrupted\n"), std::string::npos) << e;
+}
