@@ -4,6 +4,8 @@
 
 #include <QZ/QZMISC>
 
+#include <dlfcn.h>
+
 #include <atomic>
 #include <omp.h>
 #include <stdexcept>
@@ -12,6 +14,14 @@
 using namespace qztest;
 
 TEST(CApi, VersionIs10068) { EXPECT_EQ(version(), 10068u); }
+
+TEST(CApi, EntryPointsHaveCLinkage) {
+    for (const char* name : {"create_ctx", "ctx_set_code", "run_ctx", "reset_ctx", "ctx_read_reg", "ctx_write_reg",
+                             "destroy_ctx", "version", "ctrlchandler", "__run", "discretize",
+                             "discretize_precomputed"})
+        EXPECT_NE(dlsym(RTLD_DEFAULT, name), nullptr) << name;
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "__run"), (void*)&__run);
+}
 
 TEST(CApi, DestroyNullIsNoOp) {
     destroy_ctx(nullptr);

@@ -145,6 +145,21 @@ TEST(Qzrun, NoProgressLineWithoutATerminal) {
     EXPECT_EQ(r.out, "");
 }
 
+TEST(Qzrun, ProgressLineOnATerminal) {
+    // The complete-graph generator reports progress; under a pseudo terminal
+    // (made by script) the line is drawn on stderr.
+    const std::string p = program("tty", "GRA FULL;\nGVX 40\nLDX GPT;\n");
+    const std::string out = tmpPath("qzrun_tty.out");
+    const std::string cmd = "script -qec " + quote(quote(QZ_QZRUN) + " " + quote(p) + " -p GEX") + " /dev/null >" +
+                            quote(out) + " 2>&1";
+    const int status = std::system(cmd.c_str());
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const std::string o = readFile(out);
+    EXPECT_NE(o.find("\rGRAPH"), std::string::npos) << o;
+    EXPECT_NE(o.find("GEX=780"), std::string::npos) << o;
+}
+
 TEST(Qzrun, WindowsLineEndsAreAccepted) {
     const std::string p = program("crlf", "KXX 7\r\nINC KXX;\r\n");
     const Result r = qzrun({p, "-p", "KXX"}, "crlf");
