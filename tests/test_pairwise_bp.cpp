@@ -1,0 +1,516 @@
+// The message-passing engine: message store, message rule, synchronous
+// schedule, convergence test and modes.
+#include <gtest/gtest.h>
+#include <qz_test_util.h>
+
+#include <QZ/QZBP>
+#include <QZ/QZGRAPH>
+
+#include <omp.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <utility>
+#include <vector>
+
+namespace {
+
+template <typename idx_t>
+std::unique_ptr<QZ::Graph<idx_t>> makeGraph(size_t n, const std::vector<std::pair<size_t, size_t>>& edges) {
+    idx_t* A = (idx_t*)std::calloc(2 * edges.size() + 1, sizeof(idx_t));
+    for (size_t e = 0; e < edges.size(); ++e) {
+        A[2 * e] = (idx_t)edges[e].first;
+        A[2 * e + 1] = (idx_t)edges[e].second;
+    }
+    return std::unique_ptr<QZ::Graph<idx_t>>(new QZ::Graph<idx_t>(true, A, (idx_t)n, (idx_t)edges.size()));
+}
+
+// Loopy belief propagation that counts its sweeps.
+template <typename idx_t, typename val_t> class CountingLBP : public QZ::LBP<idx_t, val_t> {
+public:
+    int sweeps = 0;
+    CountingLBP(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y, val_t* w)
+        : QZ::LBP<idx_t, val_t>(G, Y, nullptr, w, false) {}
+
+protected:
+    void post_process() override {
+        QZ::LBP<idx_t, val_t>::post_process();
+#pragma omp master
+        ++sweeps;
+    }
+};
+
+// The engine with plain maps and no normalization, so that message entries
+// can be compared with the rule itself.
+template <typename idx_t, typename val_t> class RawBP : public QZ::PairwiseBP<idx_t, val_t> {
+public:
+    RawBP(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y, val_t* w)
+        : QZ::PairwiseBP<idx_t, val_t>(G, Y, nullptr, w, true) {}
+    void vertex_marginal(const idx_t&, const idx_t&, val_t& q, val_t& Z) const override {
+        q = 0;
+        Z = 1;
+    }
+    void edge_marginal(const idx_t&, const idx_t&, const idx_t&, val_t& psi, val_t& Z) const override {
+        psi = 0;
+        Z = 1;
+    }
+
+protected:
+    void compute_edge_normalization() override {}
+    void post_process() override {}
+    val_t A_local() const override { return 0; }
+    val_t map_logarithm(const val_t& m) const override { return std::log(m); }
+    val_t map_exponential(const val_t& m) const override { return std::exp(m); }
+    val_t map_other(const val_t& x, const val_t&) const override { return x; }
+};
+
+// An integer engine whose accumulation keeps the largest term, one
+// accumulator per thread.
+template <typename T> class MaxIntBP : public QZ::PairwiseBP<T, T> {
+public:
+    mutable std::vector<T> acc;
+    MaxIntBP(const QZ::AbstractGraph<T>* G, const T* Y, T* w)
+        : QZ::PairwiseBP<T, T>(G, Y, nullptr, w, false), acc(omp_get_max_threads() + 1, 0) {}
+    void vertex_marginal(const T&, const T&, T& q, T& Z) const override {
+        q = 0;
+        Z = 1;
+    }
+    void edge_marginal(const T&, const T&, const T&, T& psi, T& Z) const override {
+        psi = 0;
+        Z = 1;
+    }
+    T lp(const T& v, const T& x) const { return this->get_log_prod(v, x, (T)-1, 0); }
+
+protected:
+    void compute_edge_normalization() override {}
+    void post_process() override {}
+    T A_local() const override { return 7; }
+    T map_logarithm(const T& m) const override { return m; }
+    T map_exponential(const T& m) const override { return m; }
+    T map_other(const T& x, const T& z) const override {
+        T& a = acc[omp_get_thread_num()];
+        if (z != 0) a = 0;
+        if (a < x) a = x;
+        return a;
+    }
+};
+
+template <typename E> std::vector<double> allMessages(const E& bp, size_t m) {
+    std::vector<double> r;
+    const auto* G = bp.graph();
+    for (size_t e = 0; e < m; ++e) {
+        auto s = decltype(G->vertices())(0), t = s;
+        G->edge(e, s, t);
+        for (size_t y = 0; y < bp.stateSpace(t); ++y) r.push_back(bp.messages(e, false)[y]);
+        for (size_t x = 0; x < bp.stateSpace(s); ++x) r.push_back(bp.messages(e, true)[x]);
+    }
+    return r;
+}
+
+std::vector<std::pair<size_t, size_t>> gridEdges(size_t L) {
+    std::vector<std::pair<size_t, size_t>> el;
+    for (size_t v = 0; v < L * L; ++v) {
+        if (v + L < L * L) el.push_back({v, v + L});
+        if (v % L != L - 1) el.push_back({v, v + 1});
+    }
+    return el;
+}
+
+void randomWeights(double* w, size_t d, unsigned seed, double scale) {
+    std::mt19937 g(seed);
+    std::uniform_real_distribution<double> U(-scale, scale);
+    for (size_t i = 0; i < d; ++i) w[i] = U(g);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- store
+
+TEST(PairwiseBP, MessageBlocksFollowEdgeOrderBothDirections) {
+    auto G = makeGraph<unsigned int>(3, {{0, 1}, {2, 1}});
+    unsigned int Y[] = {2, 3, 4};
+    RawBP<unsigned int, double> bp(G.get(), Y, nullptr);
+    // Edge 0: 0 -> 1 (3 entries), 1 -> 0 (2); edge 1: 2 -> 1 (3), 1 -> 2 (4).
+    const double* base = bp.messages(0, false);
+    EXPECT_EQ(bp.messages(0, true) - base, 3);
+    EXPECT_EQ(bp.messages(1, false) - base, 5);
+    EXPECT_EQ(bp.messages(1, true) - base, 8);
+    EXPECT_EQ(bp.message_entries(), 12u);
+    EXPECT_EQ(bp.off_messages(0, false) - base, 12);
+    EXPECT_EQ(bp.off_messages(1, true) - base, 12 + 8);
+    EXPECT_EQ(bp.getMaxIter(), 2u);  // the number of edges
+    EXPECT_TRUE(bp.tree());
+}
+
+TEST(PairwiseBP, DefaultEpsilonPerValueType) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 2};
+    RawBP<unsigned int, double> d(G.get(), Y, nullptr);
+    EXPECT_EQ(d.getEpsilon(), 1e-6);
+    RawBP<unsigned int, float> f(G.get(), Y, nullptr);
+    EXPECT_EQ(f.getEpsilon(), 1e-6f);
+    MaxIntBP<unsigned int> i(G.get(), Y, nullptr);
+    EXPECT_EQ(i.getEpsilon(), 0u);
+    d.setEpsilon(0.5);
+    EXPECT_EQ(d.getEpsilon(), 0.5);
+}
+
+// ---------------------------------------------------------------- schedule
+
+TEST(PairwiseBP, GraphWithoutEdgesRunsEmptySweeps) {
+    auto G = makeGraph<unsigned int>(3, {});
+    unsigned int Y[] = {2, 3, 2};
+    CountingLBP<unsigned int, double> bp(G.get(), Y, nullptr);
+    EXPECT_EQ(bp.message_entries(), 0u);
+    bp.setEpsilon(-1);
+    bp.setMaxIter(5);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 5);
+    for (unsigned int v = 0; v < 3; ++v)
+        for (unsigned int x = 0; x < Y[v]; ++x) EXPECT_EQ(bp.log_product(v)[x], 0.0);
+    // With a threshold the largest change b = 0 ends the run after one sweep.
+    bp.sweeps = 0;
+    bp.setEpsilon(1e-6);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 1);
+    for (unsigned int v = 0; v < 3; ++v)
+        for (unsigned int x = 0; x < Y[v]; ++x) EXPECT_EQ(bp.log_product(v)[x], 0.0);
+}
+
+TEST(PairwiseBP, FixedSweepCountWithEpsilonMinusOne) {
+    auto G = makeGraph<unsigned int>(4, {{0, 1}, {1, 2}, {1, 3}});
+    unsigned int Y[] = {2, 3, 2, 4};
+    std::vector<double> w(6 + 6 + 12);
+    randomWeights(w.data(), w.size(), 1, 1.0);
+    CountingLBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setMaxIter(100);
+    bp.infer(0);
+    const int converged = bp.sweeps;
+    EXPECT_LT(converged, 10);
+    bp.sweeps = 0;
+    bp.setEpsilon(-1);
+    bp.setMaxIter(5);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 5);
+    bp.sweeps = 0;
+    bp.setMaxIter(40);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 40);
+}
+
+TEST(PairwiseBP, ZeroIterationsSendNoMessageButNormalizeEdges) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 2};
+    std::vector<double> w = {0.1, 0.2, 0.3, 0.4};
+    CountingLBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setMaxIter(0);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 0);
+    for (double m : allMessages(bp, 1)) EXPECT_EQ(m, 0.0);
+    EXPECT_DOUBLE_EQ(bp.get_edge_c(0), 0.25);
+}
+
+TEST(PairwiseBP, ModesTwoAndSevenAreMaxProductAndTenLeavesMessages) {
+    auto G = makeGraph<unsigned int>(5, {{0, 1}, {1, 2}, {3, 1}, {3, 4}});
+    unsigned int Y[] = {2, 3, 4, 2, 3};
+    std::vector<double> w(6 + 12 + 6 + 6);
+    randomWeights(w.data(), w.size(), 2, 2.0);
+    QZ::LBP<unsigned int, double> bp(G.get(), Y, nullptr, w.data(), false);
+    bp.setMaxIter(50);
+    bp.infer(1);
+    const auto maxMsgs = allMessages(bp, 4);
+    bp.infer(0);
+    const auto sumMsgs = allMessages(bp, 4);
+    EXPECT_NE(maxMsgs, sumMsgs);
+    bp.infer(2);
+    EXPECT_EQ(allMessages(bp, 4), maxMsgs);
+    bp.infer(7);
+    EXPECT_EQ(allMessages(bp, 4), maxMsgs);
+    const double Amax = bp.A();
+    bp.infer(10);
+    EXPECT_EQ(allMessages(bp, 4), maxMsgs);
+    EXPECT_NE(bp.A(), Amax);
+    // The value of the enumeration.
+    QZ::LBP<unsigned int, double> slow(G.get(), Y, nullptr, w.data(), false);
+    slow.infer_slow(0);
+    EXPECT_DOUBLE_EQ(bp.A(), slow.A());
+}
+
+TEST(PairwiseBP, SecondInferRestartsFromZeroMessagesContinueFromKeptOnes) {
+    auto G = makeGraph<unsigned int>(64, gridEdges(8));
+    const size_t m = gridEdges(8).size();
+    std::vector<unsigned int> Y(64, 2);
+    std::vector<double> w(4 * m);
+    randomWeights(w.data(), w.size(), 3, 0.6);
+    CountingLBP<unsigned int, double> bp(G.get(), Y.data(), w.data());
+    bp.setEpsilon(1e-9);
+    bp.setMaxIter(1000);
+    bp.infer(0);
+    const int first = bp.sweeps;
+    const auto msgs = allMessages(bp, m);
+    ASSERT_LT(first, 1000);
+    ASSERT_GT(first, 5);
+    bp.sweeps = 0;
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, first);
+    EXPECT_EQ(allMessages(bp, m), msgs);
+    // A continued run converges to the same fixed point.
+    bp.infer_continue(0);
+    const auto cont = allMessages(bp, m);
+    for (size_t i = 0; i < cont.size(); ++i) EXPECT_NEAR(cont[i], msgs[i], 1e-7);
+    // One sweep from the kept messages is not one sweep from zero.
+    bp.setMaxIter(1);
+    bp.infer(0);
+    const auto oneFresh = allMessages(bp, m);
+    bp.setMaxIter(1000);
+    bp.infer(0);
+    bp.setMaxIter(1);
+    bp.infer_continue(0);
+    EXPECT_NE(allMessages(bp, m), oneFresh);
+    bp.setMaxIter(1000);
+    bp.infer_continue(0);
+    // With no sweep at all, a continued run still holds the messages and a
+    // fresh run has zeroed them.
+    const auto held = allMessages(bp, m);
+    bp.setMaxIter(0);
+    bp.infer_continue(0);
+    EXPECT_EQ(allMessages(bp, m), held);
+    bp.infer(0);
+    for (double x : allMessages(bp, m)) EXPECT_EQ(x, 0.0);
+}
+
+TEST(PairwiseBP, ContinueZeroesLogProductsBeforeTheFirstSweep) {
+    auto G = makeGraph<unsigned int>(3, {{0, 1}, {1, 2}});
+    unsigned int Y[] = {2, 2, 2};
+    std::vector<double> w = {0.5, -0.5, 0.25, 1.0, -1.0, 0.0, 0.75, 0.5};
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setEpsilon(-1);
+    bp.setMaxIter(10);
+    bp.infer(0);
+    const double rev[2] = {bp.messages(0, true)[0], bp.messages(0, true)[1]};
+    bp.setMaxIter(1);
+    bp.infer_continue(0);
+    // Message 0 -> 1 reads the product 0 at the leaf 0 minus the kept
+    // reverse message 1 -> 0.
+    for (unsigned int y = 0; y < 2; ++y) {
+        const double expect = std::log(std::exp(-rev[0] + w[0 * 2 + y]) + std::exp(-rev[1] + w[1 * 2 + y]));
+        EXPECT_NEAR(bp.messages(0, false)[y], expect, 1e-12);
+    }
+    // A fresh single sweep reads products and messages of 0.
+    bp.infer(0);
+    for (unsigned int y = 0; y < 2; ++y)
+        EXPECT_NEAR(bp.messages(0, false)[y], std::log(std::exp(w[y]) + std::exp(w[2 + y])), 1e-12);
+}
+
+TEST(PairwiseBP, SweepIsJacobiWhateverTheThreadCount) {
+    auto G = makeGraph<unsigned int>(49, gridEdges(7));
+    std::vector<unsigned int> Y(49);
+    for (size_t v = 0; v < 49; ++v) Y[v] = 2 + v % 3;
+    const auto el = gridEdges(7);
+    size_t d = 0;
+    for (auto& e : el) d += Y[e.first] * Y[e.second];
+    std::vector<double> w(d);
+    randomWeights(w.data(), d, 4, 1.0);
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(1);
+    QZ::LBP<unsigned int, double> one(G.get(), Y.data(), nullptr, w.data(), false);
+    one.setEpsilon(-1);
+    one.setMaxIter(15);
+    one.infer(0);
+    omp_set_num_threads(2);
+    QZ::LBP<unsigned int, double> two(G.get(), Y.data(), nullptr, w.data(), false);
+    two.setEpsilon(-1);
+    two.setMaxIter(15);
+    two.infer(0);
+    omp_set_num_threads(saved);
+    EXPECT_EQ(allMessages(one, el.size()), allMessages(two, el.size()));
+    EXPECT_NEAR(one.A(), two.A(), 1e-9 * std::fabs(one.A()));
+}
+
+TEST(PairwiseBP, LogProductsAreCentredIncomingSums) {
+    auto G = makeGraph<unsigned int>(4, {{0, 1}, {1, 2}, {3, 1}});
+    unsigned int Y[] = {2, 3, 2, 3};
+    std::vector<double> w(6 + 6 + 9);
+    randomWeights(w.data(), w.size(), 5, 1.5);
+    QZ::LBP<unsigned int, double> bp(G.get(), Y, nullptr, w.data(), false);
+    bp.setMaxIter(30);
+    bp.infer(0);
+    for (unsigned int v = 0; v < 4; ++v) {
+        double C = 0;
+        for (unsigned int x = 0; x < Y[v]; ++x) C += bp.compute_log_prod(v, x, (unsigned int)-1);
+        C /= Y[v];
+        double mean = 0;
+        for (unsigned int x = 0; x < Y[v]; ++x) {
+            EXPECT_NEAR(bp.log_product(v)[x], bp.compute_log_prod(v, x, (unsigned int)-1) - C, 1e-12);
+            EXPECT_EQ(bp.get_log_prod(v, x, 4, 0), bp.log_product(v)[x]);
+            mean += bp.log_product(v)[x];
+        }
+        EXPECT_NEAR(mean, 0.0, 1e-12);
+    }
+    // Excluding a neighbour subtracts the message that came over its edge.
+    // Vertex 1 is the second end of edge 0 and the first end of edge 1.
+    for (unsigned int x = 0; x < 3; ++x) {
+        EXPECT_DOUBLE_EQ(bp.get_log_prod(1, x, 0, 0), bp.log_product(1)[x] - bp.messages(0, false)[x]);
+        EXPECT_DOUBLE_EQ(bp.get_log_prod(1, x, 2, 1), bp.log_product(1)[x] - bp.messages(1, true)[x]);
+        // compute_log_prod with an excluded neighbour drops just that message.
+        EXPECT_NEAR(bp.compute_log_prod(1, x, 3),
+                    bp.compute_log_prod(1, x, (unsigned int)-1) - bp.off_messages(2, false)[x], 1e-12);
+    }
+}
+
+// ---------------------------------------------------------------- message rule
+
+TEST(PairwiseBP, ObservedSourceSendsTheRowOfItsState) {
+    auto G = makeGraph<unsigned int>(3, {{0, 1}, {2, 1}});
+    unsigned int Y[] = {3, 2, 2};
+    std::vector<double> w = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, -1, -2, -3, -4};
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.observe(0, 2.0);
+    bp.observe(1, 1.0);
+    bp.setEpsilon(-1);
+    for (unsigned int iters : {1u, 4u}) {
+        bp.setMaxIter(iters);
+        bp.infer(0);
+        // 0 -> 1 is the row of state 2 of vertex 0, whatever came in.
+        EXPECT_EQ(bp.messages(0, false)[0], 0.5);
+        EXPECT_EQ(bp.messages(0, false)[1], 0.6);
+        // 1 -> 2 (reverse direction of edge (2, 1)) is the column of state 1.
+        EXPECT_EQ(bp.messages(1, true)[0], -2.0);
+        EXPECT_EQ(bp.messages(1, true)[1], -4.0);
+    }
+    // The observation of the target does not change the message into it:
+    // 2 -> 1 sums over the states of vertex 2 (which gets only 1 -> 2).
+    for (unsigned int y = 0; y < 2; ++y) {
+        const double inc0 = bp.log_product(2)[0] - bp.messages(1, true)[0];
+        const double inc1 = bp.log_product(2)[1] - bp.messages(1, true)[1];
+        const double expect = std::log(std::exp(inc0 + w[6 + 0 * 2 + y]) + std::exp(inc1 + w[6 + 1 * 2 + y]));
+        EXPECT_NEAR(bp.messages(1, false)[y], expect, 1e-12);
+    }
+}
+
+TEST(PairwiseBP, SoftObservationInterpolatesRowsInLogDomain) {
+    auto G = makeGraph<unsigned int>(3, {{0, 1}, {2, 0}});
+    unsigned int Y[] = {2, 3, 3};
+    std::vector<double> w = {0.1, 0.2, 0.3, 1.1, 1.2, 1.3, -1, -2, -3, -4, -5, -6};
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.observe(0, 0.25);
+    ASSERT_EQ(bp.observed(0), 0.25);
+    bp.setMaxIter(3);
+    bp.infer(0);
+    for (unsigned int y = 0; y < 3; ++y)
+        EXPECT_NEAR(bp.messages(0, false)[y], 0.75 * w[y] + 0.25 * w[3 + y], 1e-15);
+    // As the second end of edge (2, 0): entries y * Y[0] and y * Y[0] + 1.
+    for (unsigned int y = 0; y < 3; ++y)
+        EXPECT_NEAR(bp.messages(1, true)[y], 0.75 * w[6 + y * 2] + 0.25 * w[6 + y * 2 + 1], 1e-15);
+}
+
+TEST(PairwiseBP, NegativeObservationMeansUnobservedToMessages) {
+    // -2.0 is stored by observe (the plain conversion gives 0), but the
+    // signed conversion makes it a huge index: the vertex sends sums.
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 2};
+    std::vector<double> w = {0.3, -0.2, 0.9, 0.1};
+    RawBP<unsigned int, double> a(G.get(), Y, w.data()), b(G.get(), Y, w.data());
+    a.observe(0, -2.0);
+    ASSERT_EQ(a.observed(0), -2.0);
+    a.infer(0);
+    b.infer(0);
+    EXPECT_EQ(allMessages(a, 1), allMessages(b, 1));
+    // The conditional of vertex 1, in contrast, reads vertex 0 as state 0.
+    double psi = 0;
+    a.fast_unnormalized_conditional_vertex_marginal(1, 1, psi, 0);
+    EXPECT_NEAR(psi, std::exp(w[1]), 1e-15);
+}
+
+TEST(PairwiseBP, VanishingExponentialsGiveLogOfSmallestNormal) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 3};
+    std::vector<double> w(6, -1e5);
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.infer(0);
+    const double lmin = std::log(std::numeric_limits<double>::min());
+    for (double m : allMessages(bp, 1)) EXPECT_EQ(m, lmin);
+    EXPECT_FALSE(std::isinf(lmin));
+
+    std::vector<float> wf(6, -1e5f);
+    RawBP<unsigned int, float> bf(G.get(), Y, wf.data());
+    bf.infer(0);
+    for (unsigned int y = 0; y < 3; ++y) EXPECT_EQ(bf.messages(0, false)[y], std::log(std::numeric_limits<float>::min()));
+}
+
+TEST(PairwiseBP, OverflowingSumIsReplacedByLargestValue) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 2};
+    std::vector<double> w(4, 1e5);
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setMaxIter(1);
+    bp.infer(0);
+    for (double m : allMessages(bp, 1)) EXPECT_EQ(m, std::numeric_limits<double>::max());
+    // Max-product never exponentiates: the largest term stays.
+    bp.infer(1);
+    for (double m : allMessages(bp, 1)) EXPECT_EQ(m, 1e5);
+    w[0] = std::numeric_limits<double>::infinity();
+    bp.infer(1);
+    EXPECT_EQ(bp.messages(0, false)[0], std::numeric_limits<double>::max());
+    EXPECT_EQ(bp.messages(0, false)[1], 1e5);
+}
+
+TEST(PairwiseBP, MaxProductTakesLargestTermAndSumProductLogSumExp) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {3, 2};
+    std::vector<double> w = {0.5, -1.0, 2.0, 0.25, -0.5, 1.5};
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setMaxIter(1);
+    bp.infer(1);
+    EXPECT_EQ(bp.messages(0, false)[0], 2.0);
+    EXPECT_EQ(bp.messages(0, false)[1], 1.5);
+    EXPECT_EQ(bp.messages(0, true)[0], 0.5);
+    EXPECT_EQ(bp.messages(0, true)[2], 1.5);
+    bp.infer(0);
+    EXPECT_NEAR(bp.messages(0, false)[1], std::log(std::exp(-1.0) + std::exp(0.25) + std::exp(1.5)), 1e-12);
+    EXPECT_NEAR(bp.messages(0, true)[1], std::log(std::exp(2.0) + std::exp(0.25)), 1e-12);
+}
+
+// ---------------------------------------------------------------- integer values
+
+template <typename T> class IntegerBP : public ::testing::Test {};
+typedef ::testing::Types<unsigned char, unsigned short, unsigned int, unsigned long> IntTypes;
+TYPED_TEST_SUITE(IntegerBP, IntTypes);
+
+TYPED_TEST(IntegerBP, AccumulationThroughHookAndUncentredProducts) {
+    typedef TypeParam T;
+    auto G = makeGraph<T>(4, {{0, 1}, {1, 2}, {1, 3}});
+    T Y[] = {2, 3, 2, 2};
+    std::vector<T> w(6 + 6 + 6);
+    for (size_t i = 0; i < w.size(); ++i) w[i] = (T)((i * 7) % 5);
+    MaxIntBP<T> bp(G.get(), Y, w.data());
+    bp.setMaxIter(6);
+    bp.infer(1);
+    std::vector<T> maxMsgs;
+    for (T e = 0; e < 3; ++e)
+        for (T k = 0; k < 5; ++k) maxMsgs.push_back(bp.messages(e, false)[k]);
+    bp.infer(0);
+    std::vector<T> sumMsgs;
+    for (T e = 0; e < 3; ++e)
+        for (T k = 0; k < 5; ++k) sumMsgs.push_back(bp.messages(e, false)[k]);
+    // The hook keeps the largest term, so both rules agree.
+    EXPECT_EQ(sumMsgs, maxMsgs);
+    EXPECT_EQ(bp.A(), (T)7);
+    // No centring: the product is the plain sum of incoming messages.
+    for (T v = 0; v < 4; ++v)
+        for (T x = 0; x < Y[v]; ++x) EXPECT_EQ(bp.lp(v, x), bp.compute_log_prod(v, x, (T)-1));
+    // A leaf's outgoing message is the largest weight of each column.
+    for (T y = 0; y < 3; ++y) EXPECT_EQ(bp.messages(0, false)[y], std::max(w[y], w[3 + y]));
+    // An observed vertex sends its row; the marker means unobserved.
+    bp.observe(0, 1);
+    bp.infer(0);
+    for (T y = 0; y < 3; ++y) EXPECT_EQ(bp.messages(0, false)[y], w[3 + y]);
+    bp.observe(0, (T)-1);
+    EXPECT_EQ(bp.observed(0), (T)-1);
+    bp.infer(10);
+    EXPECT_EQ(bp.raw_mu_samples()[0], (T)1);
+}
