@@ -469,3 +469,78 @@ TYPED_TEST(SparseUintTyped, PairRanksCountFromTheTop) {
         EXPECT_EQ(*x.data(), S<TypeParam>({expect[e][0], expect[e][1]})) << e;
     }
 }
+
+// ---- further operations ----
+
+TYPED_TEST(SparseUintTyped, RemainingComparisonOperators) {
+    sparse_uint_t<TypeParam> a((TypeParam)9), b((TypeParam)12), c((TypeParam)9);
+    EXPECT_TRUE(a != b);
+    EXPECT_FALSE(a != c);
+    EXPECT_TRUE(b > a);
+    EXPECT_FALSE(a > c);
+    EXPECT_TRUE(a >= c);
+    EXPECT_FALSE(a >= b);
+    EXPECT_TRUE(a != (TypeParam)8);
+    EXPECT_FALSE(a != (TypeParam)9);
+    EXPECT_TRUE(a > (TypeParam)8);
+    EXPECT_FALSE(a > (TypeParam)9);
+    EXPECT_TRUE(a >= (TypeParam)9);
+    EXPECT_FALSE(a >= (TypeParam)10);
+}
+
+TYPED_TEST(SparseUintTyped, UnionAndIntersectionOfBits) {
+    sparse_uint_t<TypeParam> a = fromSet<TypeParam>({0, 3, 7, 90}), b = fromSet<TypeParam>({3, 5, 90});
+    sparse_uint_t<TypeParam> u(a), i(a);
+    u |= b;
+    i &= b;
+    EXPECT_EQ(*u.data(), S<TypeParam>({0, 3, 5, 7, 90}));
+    EXPECT_EQ(*i.data(), S<TypeParam>({3, 90}));
+    u |= u;
+    EXPECT_EQ(*u.data(), S<TypeParam>({0, 3, 5, 7, 90}));
+    i &= sparse_uint_t<TypeParam>();
+    EXPECT_TRUE(i.data()->empty());
+}
+
+TYPED_TEST(SparseUintTyped, SubtractingAPowerBorrowsFromTheNextBit) {
+    sparse_uint_t<TypeParam> x = fromSet<TypeParam>({1, 6, 9});
+    x.m2x(6);  // the bit itself
+    EXPECT_EQ(*x.data(), S<TypeParam>({1, 9}));
+    x.m2x(3);  // 2^9 - 2^3 = 2^3 + ... + 2^8
+    EXPECT_EQ(*x.data(), S<TypeParam>({1, 3, 4, 5, 6, 7, 8}));
+    x.m2x(20);  // below 2^20: no negative values
+    EXPECT_TRUE(x.data()->empty());
+}
+
+TYPED_TEST(SparseUintTyped, SubtractionSaturatesAtZero) {
+    sparse_uint_t<TypeParam> a((TypeParam)100), b((TypeParam)37), c((TypeParam)100);
+    a -= b;
+    EXPECT_EQ(a.to_uint64(), 63u);
+    a -= c;
+    EXPECT_TRUE(a.data()->empty());
+    c -= c;
+    EXPECT_TRUE(c.data()->empty());
+}
+
+TYPED_TEST(SparseUintTyped, ProductOfTwoObjects) {
+    sparse_uint_t<TypeParam> a((TypeParam)13), b((TypeParam)11), z;
+    a *= b;
+    EXPECT_EQ(a.to_uint64(), 143u);
+    a *= a;
+    EXPECT_EQ(a.to_uint64(), 143u * 143u);
+    a *= z;
+    EXPECT_TRUE(a.data()->empty());
+}
+
+TYPED_TEST(SparseUintTyped, SubtractionAndProductsMatch128BitIntegers) {
+    std::mt19937_64 g(16);
+    for (int t = 0; t < 3000; ++t) {
+        const u128 a = rnd128(g, 1 + (unsigned)(g() % 127)), b = rnd128(g, 1 + (unsigned)(g() % 127));
+        sparse_uint_t<TypeParam> x = from128<TypeParam>(a), y = from128<TypeParam>(b);
+        x -= y;
+        ASSERT_EQ(to128(x), a > b ? a - b : (u128)0);
+        const u128 c = rnd128(g, 1 + (unsigned)(g() % 64)), d = rnd128(g, 1 + (unsigned)(g() % 63));
+        sparse_uint_t<TypeParam> p = from128<TypeParam>(c), q = from128<TypeParam>(d);
+        p *= q;
+        ASSERT_EQ(to128(p), c * d);
+    }
+}
