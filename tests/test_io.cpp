@@ -1,0 +1,505 @@
+// The model container and its file format: writing and reading back for every
+// instantiation, the exact bytes, ownership on destruction, and replacing the
+// graph of a model.
+#include <gtest/gtest.h>
+#include <qz_test_util.h>
+
+#include <QZ/QZIO>
+
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+using namespace QZ;
+using qztest::readFile;
+using qztest::tmpPath;
+using qztest::writeFile;
+
+namespace {
+
+// A graph over an edge list given pair by pair, in that order and orientation.
+template <typename I> Graph<I>* edgeList(I n, const std::vector<std::pair<int, int>>& edges) {
+    I* el = (I*)malloc(sizeof(I) * (2 * edges.size() + 1));
+    for (size_t e = 0; e < edges.size(); ++e) {
+        el[2 * e] = (I)edges[e].first;
+        el[2 * e + 1] = (I)edges[e].second;
+    }
+    return new Graph<I>(true, el, n, (I)edges.size());
+}
+
+// Fills offsets, statistics and weights of a container over G with states Y,
+// all values distinct so that a moved or dropped block shows.
+template <typename I, typename V> IO<I, V>* build(AbstractGraph<I>* G, const std::vector<int>& Y, bool names = true) {
+    IO<I, V>* io = new IO<I, V>();
+    const size_t n = G->vertices(), m = G->edges();
+    io->G = G;
+    io->Y = new I[n];
+    for (size_t v = 0; v < n; ++v) io->Y[v] = (I)Y[v % Y.size()];
+    io->odim = (I)(n + m + 1);
+    io->woff = new I[n + m + 1];
+    io->woff[0] = 0;
+    for (size_t v = 0; v < n; ++v) io->woff[v + 1] = io->woff[v] + io->Y[v];
+    I s, t;
+    for (size_t e = 0; e < m; ++e) {
+        G->edge((I)e, s, t);
+        io->woff[n + e + 1] = io->woff[n + e] + io->Y[s] * io->Y[t];
+    }
+    io->sdim = io->woff[n + m];
+    io->dim = io->sdim - io->woff[n];
+    io->E = new V[io->sdim];
+    for (size_t i = 0; i < io->sdim; ++i) io->E[i] = (V)(i % 100 + 1) + (std::is_integral<V>::value ? (V)0 : (V)0.25);
+    io->w = new V[io->dim];
+    for (size_t i = 0; i < io->dim; ++i) io->w[i] = (V)((i * 7) % 50) + (std::is_integral<V>::value ? (V)0 : (V)-0.125);
+    if (names) {
+        io->Xnames = new std::vector<std::string>();
+        io->Ynames = new std::vector<std::vector<std::string>*>();
+        for (size_t v = 0; v < n; ++v) {
+            io->Xnames->push_back("X" + std::to_string(v));
+            io->Ynames->push_back(new std::vector<std::string>());
+            for (size_t x = 0; x < io->Y[v]; ++x) io->Ynames->back()->push_back("v" + std::to_string(v) + "s" + std::to_string(x));
+        }
+    }
+    io->gtype = 1;
+    io->T = 1;
+    io->decay = 3;
+    io->K = 9;
+    io->num_instances = 77;
+    io->llist = "2,3";
+    io->clist = "5";
+    return io;
+}
+
+// Releases what the destructor leaves alone: the graph(s) and, for a model
+// built in memory, w.
+template <typename I, typename V> void release(IO<I, V>* io, bool freeW) {
+    if (freeW) delete[] io->w;
+    if (io->H != nullptr) delete io->H;
+    delete io->G;
+    delete io;
+}
+
+template <typename I, typename V> void expectSameModel(const IO<I, V>& a, const IO<I, V>& b) {
+    ASSERT_EQ(a.G->vertices(), b.G->vertices());
+    ASSERT_EQ(a.G->edges(), b.G->edges());
+    for (I e = 0; e < a.G->edges(); ++e) {
+        I s1, t1, s2, t2;
+        a.G->edge(e, s1, t1);
+        b.G->edge(e, s2, t2);
+        EXPECT_EQ(s1, s2);
+        EXPECT_EQ(t1, t2);
+    }
+    EXPECT_EQ(a.itype, b.itype);
+    EXPECT_EQ(a.vtype, b.vtype);
+    EXPECT_EQ(a.dim, b.dim);
+    EXPECT_EQ(a.odim, b.odim);
+    ASSERT_EQ(a.sdim, b.sdim);
+    EXPECT_EQ(0, std::memcmp(a.woff, b.woff, sizeof(I) * a.odim));
+    EXPECT_EQ(0, std::memcmp(a.Y, b.Y, sizeof(I) * a.G->vertices()));
+    EXPECT_EQ(0, std::memcmp(a.E, b.E, sizeof(V) * a.sdim));
+    EXPECT_EQ(0, std::memcmp(a.w, b.w, sizeof(V) * a.dim));
+    EXPECT_EQ(a.gtype, b.gtype);
+    EXPECT_EQ(a.T, b.T);
+    EXPECT_EQ(a.decay, b.decay);
+    EXPECT_EQ(a.K, b.K);
+    EXPECT_EQ(a.num_instances, b.num_instances);
+    EXPECT_EQ(a.llist, b.llist);
+    EXPECT_EQ(a.clist, b.clist);
+    EXPECT_EQ(*a.Xnames, *b.Xnames);
+    ASSERT_EQ(a.Ynames->size(), b.Ynames->size());
+    for (size_t v = 0; v < a.Ynames->size(); ++v) EXPECT_EQ(*a.Ynames->at(v), *b.Ynames->at(v));
+}
+
+// Builds a file byte by byte.
+struct Bytes {
+    std::string s;
+    template <typename T> Bytes& num(T x) {
+        s.append(reinterpret_cast<const char*>(&x), sizeof(T));
+        return *this;
+    }
+    Bytes& text(const std::string& t) {
+        s += t;
+        return *this;
+    }
+    Bytes& name(const std::string& t) {
+        s += t;
+        s.push_back('\0');
+        return *this;
+    }
+};
+
+}  // namespace
+
+template <typename P> class IOTyped : public ::testing::Test {};
+typedef ::testing::Types<std::pair<unsigned char, unsigned char>, std::pair<unsigned short, unsigned short>,
+                         std::pair<unsigned int, unsigned int>, std::pair<unsigned long, unsigned long>,
+                         std::pair<unsigned char, float>, std::pair<unsigned short, float>,
+                         std::pair<unsigned int, float>, std::pair<unsigned long, float>,
+                         std::pair<unsigned char, double>, std::pair<unsigned short, double>,
+                         std::pair<unsigned int, double>, std::pair<unsigned long, double>>
+    AllPairs;
+TYPED_TEST_SUITE(IOTyped, AllPairs);
+
+TYPED_TEST(IOTyped, DefaultConstructorIsEmpty) {
+    typedef typename TypeParam::first_type I;
+    typedef typename TypeParam::second_type V;
+    IO<I, V> io;
+    EXPECT_EQ(io.itype, type_code<I>());
+    EXPECT_EQ(io.vtype, type_code<V>());
+    EXPECT_FALSE(io.from_file);
+    EXPECT_FALSE(io.external());
+    EXPECT_EQ(io.G, nullptr);
+    EXPECT_EQ(io.H, nullptr);
+    EXPECT_EQ(io.w, nullptr);
+    EXPECT_EQ(io.E, nullptr);
+    EXPECT_EQ(io.Y, nullptr);
+    EXPECT_EQ(io.woff, nullptr);
+    EXPECT_EQ(io.Ynames, nullptr);
+    EXPECT_EQ(io.Xnames, nullptr);
+    EXPECT_EQ(io.dim + io.odim + io.sdim + io.gtype + io.T + io.decay + io.K + io.num_instances, 0u);
+    EXPECT_TRUE(io.llist.empty());
+    EXPECT_TRUE(io.clist.empty());
+}
+
+TYPED_TEST(IOTyped, StoredModelReadsBackEqual) {
+    typedef typename TypeParam::first_type I;
+    typedef typename TypeParam::second_type V;
+    // A reversed edge checks that the orientation survives.
+    Graph<I>* G = edgeList<I>(5, {{0, 1}, {2, 1}, {3, 4}, {4, 0}});
+    IO<I, V>* io = build<I, V>(G, {2, 3, 4});
+    const std::string fn = tmpPath("io_roundtrip_" + std::to_string(sizeof(I)) + "_" + std::to_string(io->vtype));
+    io->store(fn);
+    IO<I, V>* back = new IO<I, V>(fn);
+    EXPECT_TRUE(back->from_file);
+    EXPECT_EQ(back->H, nullptr);
+    EXPECT_NE(dynamic_cast<Graph<I>*>(back->G), nullptr);
+    expectSameModel(*io, *back);
+    release(io, true);
+    release(back, false);
+}
+
+TYPED_TEST(IOTyped, SpatioTemporalModelHasOneRecordPerSliceVertex) {
+    typedef typename TypeParam::first_type I;
+    typedef typename TypeParam::second_type V;
+    Graph<I>* base = edgeList<I>(3, {{0, 1}, {1, 2}});
+    STGraph<I>* st = new STGraph<I>(base, (I)3);
+    IO<I, V>* io = build<I, V>(st, {2, 3});
+    io->H = base;
+    io->T = 3;
+    ASSERT_EQ(io->G->vertices(), 9u);
+    const std::string fn = tmpPath("io_st_" + std::to_string(sizeof(I)) + "_" + std::to_string(io->vtype));
+    io->store(fn);
+
+    // Only the base graph precedes the fields of the model: n = 3, m = 2.
+    const std::string bytes = readFile(fn);
+    I n = 0, m = 0;
+    std::memcpy(&n, bytes.data() + 2, sizeof(I));
+    std::memcpy(&m, bytes.data() + 2 + sizeof(I), sizeof(I));
+    EXPECT_EQ(n, 3u);
+    EXPECT_EQ(m, 2u);
+
+    IO<I, V>* back = new IO<I, V>(fn);
+    STGraph<I>* g = dynamic_cast<STGraph<I>*>(back->G);
+    ASSERT_NE(g, nullptr);
+    ASSERT_NE(back->H, nullptr);
+    EXPECT_EQ(back->H->vertices(), 3u);
+    EXPECT_EQ(back->H->edges(), 2u);
+    EXPECT_EQ(back->G->vertices(), 9u);
+    EXPECT_EQ(back->Xnames->size(), 9u);
+    EXPECT_EQ(back->Xnames->at(8), "X8");
+    expectSameModel(*io, *back);
+    release(io, true);
+    release(back, false);
+}
+
+TEST(IO, ModelWithoutWeightsReadsWithZeroWeights) {
+    Graph<unsigned int>* G = edgeList<unsigned int>(3, {{0, 1}, {1, 2}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2, 3});
+    const std::string withW = tmpPath("io_withw");
+    io->store(withW);
+    delete[] io->w;
+    io->w = nullptr;
+    const std::string fn = tmpPath("io_now");
+    io->store(fn);
+    // Without w the file is the one with w, less the weights at its end.
+    const std::string full = readFile(withW), part = readFile(fn);
+    EXPECT_EQ(full.size(), part.size() + 12 * sizeof(double));
+    EXPECT_EQ(full.substr(0, part.size()), part);
+    IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
+    ASSERT_EQ(back->dim, 12u);
+    ASSERT_NE(back->w, nullptr);
+    for (unsigned int i = 0; i < back->dim; ++i) EXPECT_EQ(back->w[i], 0.0);
+    EXPECT_EQ(0, std::memcmp(io->E, back->E, sizeof(double) * io->sdim));
+    release(io, false);
+    release(back, false);
+}
+
+TEST(IO, EmptyListIsWrittenAsLengthZeroWithoutText) {
+    Graph<unsigned short>* G = edgeList<unsigned short>(2, {});
+    IO<unsigned short, float>* io = build<unsigned short, float>(G, {2});
+    io->llist = "";
+    io->clist = "";
+    const std::string fn = tmpPath("io_emptylist");
+    io->store(fn);
+    const std::string bytes = readFile(fn);
+    // itype, vtype, n, m, no edges, gtype, then the two lengths.
+    const size_t at = 2 + 2 + 2 + 2;
+    ASSERT_GT(bytes.size(), at + 16);
+    EXPECT_EQ(bytes.substr(at, 16), std::string(16, '\0'));
+    unsigned short T = 0;
+    std::memcpy(&T, bytes.data() + at + 16, 2);
+    EXPECT_EQ(T, 1u);
+    release(io, true);
+}
+
+TEST(IO, EightBitIndicesWriteOneByteFieldsButEightByteListLengths) {
+    Graph<unsigned char>* G = edgeList<unsigned char>(2, {{1, 0}});
+    IO<unsigned char, unsigned char>* io = build<unsigned char, unsigned char>(G, {2});
+    io->Xnames->at(0) = "a";
+    io->Xnames->at(1) = "b";
+    *io->Ynames->at(0) = {"x", "y"};
+    *io->Ynames->at(1) = {"p", ""};
+    const std::string fn = tmpPath("io_u8bytes");
+    io->store(fn);
+    Bytes b;
+    b.num<unsigned char>(0).num<unsigned char>(0);          // itype, vtype
+    b.num<unsigned char>(2).num<unsigned char>(1);          // n, m
+    b.num<unsigned char>(1).num<unsigned char>(0);          // the edge as stored
+    b.num<unsigned char>(1);                                // gtype
+    b.num<size_t>(3).text("2,3").num<size_t>(1).text("5");  // llist, clist
+    b.num<unsigned char>(1).num<unsigned char>(3).num<unsigned char>(77).num<unsigned char>(9);  // T, decay, N, K
+    b.num<unsigned char>(2).name("a").name("x").name("y");
+    b.num<unsigned char>(2).name("b").name("p").name("");
+    b.num<unsigned char>(4);  // dim
+    for (int i = 0; i < 8; ++i) b.num<unsigned char>((unsigned char)(i + 1));
+    for (int i = 0; i < 4; ++i) b.num<unsigned char>((unsigned char)((i * 7) % 50));
+    EXPECT_EQ(readFile(fn), b.s);
+    release(io, true);
+}
+
+TEST(IO, HandWrittenFileReadsFieldByField) {
+    Bytes b;
+    b.num<unsigned char>(2).num<unsigned char>(5);
+    b.num<unsigned int>(3).num<unsigned int>(2);
+    b.num<unsigned int>(0).num<unsigned int>(1).num<unsigned int>(2).num<unsigned int>(1);
+    b.num<unsigned int>(5);  // gtype
+    b.num<size_t>(0).num<size_t>(4).text("1,22");
+    b.num<unsigned int>(1).num<unsigned int>(2).num<unsigned int>(10).num<unsigned int>(4);
+    b.num<unsigned int>(2).name("A").name("a0").name("a1");
+    b.num<unsigned int>(3).name("B").name("b0").name("b1").name("b2");
+    b.num<unsigned int>(2).name("C").name("c0").name("c1");
+    b.num<unsigned int>(12);
+    for (int i = 0; i < 19; ++i) b.num<double>(i * 0.5);
+    for (int i = 0; i < 12; ++i) b.num<double>(-i * 1.5);
+    const std::string fn = tmpPath("io_hand");
+    writeFile(fn, b.s);
+
+    IO<unsigned int, double> io(fn);
+    EXPECT_EQ(io.itype, 2);
+    EXPECT_EQ(io.vtype, 5);
+    ASSERT_EQ(io.G->vertices(), 3u);
+    ASSERT_EQ(io.G->edges(), 2u);
+    unsigned int s, t;
+    io.G->edge(1, s, t);
+    EXPECT_EQ(s, 2u);
+    EXPECT_EQ(t, 1u);
+    EXPECT_EQ(io.gtype, 5u);
+    EXPECT_EQ(io.llist, "");
+    EXPECT_EQ(io.clist, "1,22");
+    EXPECT_EQ(io.T, 1u);
+    EXPECT_EQ(io.decay, 2u);
+    EXPECT_EQ(io.num_instances, 10u);
+    EXPECT_EQ(io.K, 4u);
+    EXPECT_EQ(io.dim, 12u);
+    EXPECT_EQ(io.odim, 6u);
+    EXPECT_EQ(io.sdim, 19u);
+    const unsigned int woff[] = {0, 2, 5, 7, 13, 19};
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(io.woff[i], woff[i]) << i;
+    EXPECT_EQ(io.Y[1], 3u);
+    EXPECT_EQ(*io.Xnames, (std::vector<std::string>{"A", "B", "C"}));
+    EXPECT_EQ(*io.Ynames->at(1), (std::vector<std::string>{"b0", "b1", "b2"}));
+    EXPECT_EQ(io.E[18], 9.0);
+    EXPECT_EQ(io.w[11], -16.5);
+    delete io.G;
+}
+
+TEST(IO, NameOfSixtyFourCharactersComesBack) {
+    const std::string longName(64, 'n');
+    const std::string longState = std::string(63, 's') + "!";
+    Graph<unsigned long>* G = edgeList<unsigned long>(2, {{0, 1}});
+    IO<unsigned long, double>* io = build<unsigned long, double>(G, {2});
+    io->Xnames->at(1) = longName;
+    io->Ynames->at(0)->at(1) = longState;
+    const std::string fn = tmpPath("io_longname");
+    io->store(fn);
+    IO<unsigned long, double>* back = new IO<unsigned long, double>(fn);
+    EXPECT_EQ(back->Xnames->at(1), longName);
+    EXPECT_EQ(back->Ynames->at(0)->at(1), longState);
+    expectSameModel(*io, *back);
+    release(io, true);
+    release(back, false);
+}
+
+TEST(IO, StoringAModelWithoutNamesFailsOutOfRange) {
+    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
+    IO<unsigned int, float>* io = build<unsigned int, float>(G, {2}, false);
+    EXPECT_THROW(io->store(tmpPath("io_nonames")), std::out_of_range);
+    io->Xnames = new std::vector<std::string>{"a", "b"};
+    EXPECT_THROW(io->store(tmpPath("io_nonames")), std::out_of_range);
+    io->Ynames = new std::vector<std::vector<std::string>*>{new std::vector<std::string>{"0", "1"},
+                                                            new std::vector<std::string>{"0"}};
+    EXPECT_THROW(io->store(tmpPath("io_nonames")), std::out_of_range);
+    io->Ynames->at(1)->push_back("1");
+    EXPECT_NO_THROW(io->store(tmpPath("io_nonames")));
+    release(io, true);
+}
+
+TEST(IO, ReadListWithLengthZeroLeavesTheString) {
+    IO<unsigned int, double> io;
+    std::stringstream ss;
+    io.writeList(ss, "");
+    io.writeList(ss, "7,8");
+    EXPECT_EQ(ss.str().size(), 8u + 8u + 3u);
+    std::string s = "kept";
+    io.readList(ss, s);
+    EXPECT_EQ(s, "kept");
+    io.readList(ss, s);
+    EXPECT_EQ(s, "7,8");
+}
+
+TEST(IO, ReadArrayFillsTheGivenArray) {
+    IO<unsigned short, float> io;
+    std::stringstream ss;
+    const float in[3] = {1.5f, -2.0f, 3.25f};
+    ss.write(reinterpret_cast<const char*>(in), sizeof(in));
+    float* A = new float[4]();
+    float* keep = A;
+    io.readArray(A, 3, ss);
+    EXPECT_EQ(A, keep);
+    EXPECT_EQ(A[0], 1.5f);
+    EXPECT_EQ(A[2], 3.25f);
+    EXPECT_EQ(A[3], 0.0f);
+    delete[] A;
+}
+
+TEST(IO, TruncatedFileKeepsZeros) {
+    Graph<unsigned int>* G = edgeList<unsigned int>(3, {{0, 1}, {1, 2}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
+    const std::string fn = tmpPath("io_trunc");
+    io->store(fn);
+    std::string bytes = readFile(fn);
+    // Cut in the middle of w: the first half of the weights come back.
+    bytes.resize(bytes.size() - 4 * sizeof(double));
+    writeFile(fn, bytes);
+    IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
+    ASSERT_EQ(back->dim, 8u);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(back->w[i], io->w[i]);
+    for (int i = 4; i < 8; ++i) EXPECT_EQ(back->w[i], 0.0);
+    release(io, true);
+    release(back, false);
+}
+
+TEST(IO, DestructorKeepsWeightsOfAModelBuiltInMemory) {
+    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
+    double* w = io->w;
+    delete io;
+    // Still ours: a second release would abort the process.
+    w[3] = 4.0;
+    EXPECT_EQ(w[3], 4.0);
+    delete[] w;
+    delete G;
+}
+
+TEST(IO, ExternalContainerLeavesWeightsOffsetsAndStatesAlone) {
+    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
+    const std::string fn = tmpPath("io_external");
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
+    io->store(fn);
+    delete[] io->w;
+    delete io;
+    IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
+    back->is_external = true;
+    EXPECT_TRUE(back->external());
+    double* w = back->w;
+    unsigned int* woff = back->woff;
+    unsigned int* Y = back->Y;
+    AbstractGraph<unsigned int>* g = back->G;
+    delete back;
+    EXPECT_EQ(Y[1], 2u);
+    EXPECT_EQ(woff[3], 8u);
+    w[0] = 1.0;
+    delete[] w;
+    delete[] woff;
+    delete[] Y;
+    delete g;
+    delete G;
+}
+
+TEST(IO, ReconfigureKeepsStatisticsOfTheEdgeThatFNames) {
+    // Complete graph on 3 vertices with distinct statistics per edge block.
+    Graph<unsigned int>* K3 = edgeList<unsigned int>(3, {{0, 1}, {0, 2}, {1, 2}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(K3, {2, 3, 2});
+    std::vector<double> oldE(io->E, io->E + io->sdim);
+    std::vector<unsigned int> oldWoff(io->woff, io->woff + io->odim);
+    // Keep the edges {2,1} and {2,0}; the matrix is symmetric.
+    unsigned int A[9] = {0, 0, 1, 0, 0, 1, 1, 1, 0};
+    auto f = [](const unsigned int& s, const unsigned int& t) -> unsigned int {
+        const unsigned int a = s < t ? s : t, b = s < t ? t : s;
+        return a == 0 ? b - 1 : 2;  // (0,1)->0, (0,2)->1, (1,2)->2
+    };
+    io->reconfigure(A, f, nullptr);
+    ASSERT_EQ(io->G->edges(), 2u);
+    unsigned int s, t;
+    io->G->edge(0, s, t);
+    EXPECT_EQ(s, 0u);
+    EXPECT_EQ(t, 2u);
+    io->G->edge(1, s, t);
+    EXPECT_EQ(s, 1u);
+    EXPECT_EQ(t, 2u);
+    EXPECT_EQ(io->odim, 6u);
+    EXPECT_EQ(io->dim, 4u + 6u);
+    EXPECT_EQ(io->sdim, 7u + 10u);
+    const unsigned int woff[] = {0, 2, 5, 7, 11, 17};
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(io->woff[i], woff[i]) << i;
+    for (unsigned int i = 0; i < 7; ++i) EXPECT_EQ(io->E[i], oldE[i]);
+    // New edge 0 is old edge 1 = (0,2), new edge 1 is old edge 2 = (1,2).
+    for (unsigned int i = 0; i < 4; ++i) EXPECT_EQ(io->E[7 + i], oldE[oldWoff[3 + 1] + i]);
+    for (unsigned int i = 0; i < 6; ++i) EXPECT_EQ(io->E[11 + i], oldE[oldWoff[3 + 2] + i]);
+    for (unsigned int i = 0; i < io->dim; ++i) EXPECT_EQ(io->w[i], 0.0);
+    delete io->G;
+    delete[] io->w;
+    delete io;
+}
+
+TEST(IO, ReconfigureTakesNewBlocksFromTheCallback) {
+    Graph<unsigned short>* K3 = edgeList<unsigned short>(3, {{0, 1}, {0, 2}, {1, 2}});
+    IO<unsigned short, float>* io = build<unsigned short, float>(K3, {2});
+    unsigned short A[9] = {0, 1, 0, 1, 0, 1, 0, 1, 0};
+    std::vector<std::vector<unsigned short>> seen;
+    std::function<float*(size_t, const unsigned short&)> g = [&](size_t x, const unsigned short& size) {
+        const sparse_uint_t<unsigned short>* X = reinterpret_cast<const sparse_uint_t<unsigned short>*>(x);
+        seen.push_back(std::vector<unsigned short>(X->data()->begin(), X->data()->end()));
+        float* r = new float[size];
+        for (unsigned short i = 0; i < size; ++i) r[i] = 100.0f * seen.size() + i;
+        return r;
+    };
+    // The pair's combinatorial index among the 2-subsets of 3 vertices.
+    auto f = [](const unsigned short& s, const unsigned short& t) -> unsigned short {
+        return (unsigned short)((s == 0 ? (t == 1 ? 2 : 1) : 0));
+    };
+    io->reconfigure(A, f, &g);
+    ASSERT_EQ(io->G->edges(), 2u);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[0], (std::vector<unsigned short>{0, 1}));
+    EXPECT_EQ(seen[1], (std::vector<unsigned short>{1, 2}));
+    EXPECT_EQ(io->E[6], 100.0f);
+    EXPECT_EQ(io->E[9], 103.0f);
+    EXPECT_EQ(io->E[10], 200.0f);
+    EXPECT_EQ(io->E[13], 203.0f);
+    delete io->G;
+    delete[] io->w;
+    delete io;
+}

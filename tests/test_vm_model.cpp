@@ -1,0 +1,480 @@
+// Programs that load, store, export, measure and release the model container,
+// and the choice of its instantiation by IDX and VAL.
+#include <gtest/gtest.h>
+#include <qz_test_util.h>
+
+#include <QZ/QZIO>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using namespace QZ;
+using qztest::Ctx;
+using qztest::readFile;
+using qztest::reg;
+using qztest::runLines;
+using qztest::tmpPath;
+using qztest::wreg;
+using qztest::writeFile;
+
+namespace {
+
+// A named model over a path 0-1-...-(n-1) with states 2, 3, 2, 3, ...
+// Statistics and weights count up so that every cell is told apart.
+template <typename I, typename V> IO<I, V>* pathModel(I n) {
+    IO<I, V>* io = new IO<I, V>();
+    I* el = (I*)malloc(sizeof(I) * 2 * n);
+    for (I e = 0; e + 1 < n; ++e) {
+        el[2 * e] = e;
+        el[2 * e + 1] = (I)(e + 1);
+    }
+    io->G = new Graph<I>(true, el, n, (I)(n - 1));
+    io->Y = new I[n];
+    io->Xnames = new std::vector<std::string>();
+    io->Ynames = new std::vector<std::vector<std::string>*>();
+    for (I v = 0; v < n; ++v) {
+        io->Y[v] = (I)(2 + v % 2);
+        io->Xnames->push_back("V" + std::to_string(v));
+        io->Ynames->push_back(new std::vector<std::string>());
+        for (I x = 0; x < io->Y[v]; ++x) io->Ynames->back()->push_back(std::to_string(x));
+    }
+    io->odim = (I)(2 * n);
+    io->woff = new I[2 * n];
+    io->woff[0] = 0;
+    for (I v = 0; v < n; ++v) io->woff[v + 1] = io->woff[v] + io->Y[v];
+    for (I e = 0; e + 1 < n; ++e) io->woff[n + e + 1] = io->woff[n + e] + io->Y[e] * io->Y[e + 1];
+    io->sdim = io->woff[2 * n - 1];
+    io->dim = io->sdim - io->woff[n];
+    io->E = new V[io->sdim];
+    for (I i = 0; i < io->sdim; ++i) io->E[i] = (V)(i + 1);
+    io->w = new V[io->dim];
+    for (I i = 0; i < io->dim; ++i) io->w[i] = (V)(2 * i);
+    io->gtype = 1;
+    io->T = 1;
+    io->decay = 10;
+    io->num_instances = 21;
+    io->llist = "4,5,6";
+    return io;
+}
+
+std::string quoted(const std::string& s) { return "'" + s + "'"; }
+
+// What a context never releases of a model built in memory: its graph, unless
+// GPT holds it, and its weights. Released at the end of the scope.
+template <typename I, typename V> struct Leftovers {
+    AbstractGraph<I>* G;
+    V* w;
+    explicit Leftovers(const IO<I, V>* io) : G(io->G), w(io->w) {}
+    ~Leftovers() {
+        delete[] w;
+        delete G;
+    }
+};
+
+// A model that no context holds.
+template <typename I, typename V> void dispose(IO<I, V>* io) {
+    Leftovers<I, V> rest(io);
+    delete io;
+}
+
+template <typename I, typename V> void checkLoaded(void* ctx, const IO<I, V>& ref) {
+    const IO<I, V>* io = reinterpret_cast<const IO<I, V>*>(reg(ctx, "MPT"));
+    ASSERT_NE(io, nullptr);
+    EXPECT_EQ(reg(ctx, "GPT"), (size_t)io->G);
+    EXPECT_EQ(reg(ctx, "NXX"), (size_t)ref.num_instances);
+    EXPECT_EQ(reg(ctx, "GRA"), (size_t)ref.gtype);
+    EXPECT_EQ(reg(ctx, "REP"), (size_t)ref.decay);
+    EXPECT_EQ(reg(ctx, "DIM"), (size_t)ref.dim);
+    ASSERT_EQ(io->sdim, ref.sdim);
+    EXPECT_EQ(0, std::memcmp(io->E, ref.E, sizeof(V) * ref.sdim));
+    EXPECT_EQ(0, std::memcmp(io->w, ref.w, sizeof(V) * ref.dim));
+    EXPECT_EQ(0, std::memcmp(io->woff, ref.woff, sizeof(I) * ref.odim));
+}
+
+template <typename I, typename V>
+void roundTrip(const std::string& idx, const std::string& val) {
+    IO<I, V>* io = pathModel<I, V>(4);
+    Leftovers<I, V> rest(io);
+    const std::string fn = tmpPath("vm_rt_" + idx + "_" + val);
+    std::remove(fn.c_str());
+    const std::vector<std::string> setup = {"idx_t " + idx + ";", "val_t " + val + ";", "MFN " + quoted(fn)};
+    {
+        Ctx ctx;
+        runLines(ctx, setup);
+        wreg(ctx, "MPT", (size_t)io);
+        runLines(ctx, {"STORE MPT;"});
+        // Still the same container, which the context frees at its end.
+        EXPECT_EQ(reg(ctx, "MPT"), (size_t)io);
+        Ctx ctx2;
+        std::vector<std::string> load = setup;
+        load.push_back("LDX MPT;");
+        runLines(ctx2, load);
+        checkLoaded<I, V>(ctx2, *io);
+        const std::vector<size_t>* L = reinterpret_cast<const std::vector<size_t>*>(reg(ctx2, "LPT"));
+        ASSERT_NE(L, nullptr);
+        EXPECT_EQ(*L, (std::vector<size_t>{4, 5, 6}));
+    }
+}
+
+}  // namespace
+
+TEST(VmModel, StoreWithoutModelFailsWithNoDataLoaded) {
+    Ctx ctx;
+    try {
+        runLines(ctx, {"MFN 'x.mod'", "STORE MPT;"});
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "no data loaded");
+    }
+}
+
+TEST(VmModel, DelOtherfnWithoutDfnAbandonsTheString) {
+    Ctx ctx;
+    // Not a heap string: deleting it would end the test program.
+    std::string local = "kept";
+    wreg(ctx, "OTHERFN", (size_t)&local);
+    runLines(ctx, {"DEL OTHERFN;"});
+    EXPECT_EQ(reg(ctx, "OTHERFN"), 0u);
+    EXPECT_EQ(local, "kept");
+}
+
+TEST(VmModel, DelOtherfnWithDfnReleasesTheString) {
+    Ctx ctx;
+    runLines(ctx, {"DFN 'd.csv'", "OTHERFN 'o.txt'"});
+    EXPECT_NE(reg(ctx, "OTHERFN"), 0u);
+    runLines(ctx, {"DEL OTHERFN;"});
+    EXPECT_EQ(reg(ctx, "OTHERFN"), 0u);
+}
+
+TEST(VmModel, DelOfAPlainRegisterFails) {
+    Ctx ctx;
+    try {
+        runLines(ctx, {"DEL KXX;"});
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "cannot release memory of unknown type");
+    }
+}
+
+TEST(VmModel, DimIsZeroForAPairWithoutInstantiation) {
+    Ctx ctx;
+    IO<unsigned short, unsigned short>* io = pathModel<unsigned short, unsigned short>(3);
+    Leftovers<unsigned short, unsigned short> rest(io);
+    wreg(ctx, "MPT", (size_t)io);
+    runLines(ctx, {"idx_t UINT16;", "val_t UINT32;"});
+    EXPECT_EQ(reg(ctx, "DIM"), 0u);
+    runLines(ctx, {"val_t UINT16;"});
+    EXPECT_EQ(reg(ctx, "DIM"), 12u);
+    runLines(ctx, {"DEL MPT;"});
+    EXPECT_EQ(reg(ctx, "MPT"), 0u);
+}
+
+TEST(VmModel, DelModelWithAPairWithoutInstantiationFreesNothing) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(3);
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        runLines(ctx, {"idx_t UINT32;", "val_t UINT8;", "DEL MPT;"});
+        EXPECT_EQ(reg(ctx, "MPT"), 0u);
+    }
+    // Untouched: still ours to use and release.
+    EXPECT_EQ(io->dim, 12u);
+    EXPECT_EQ(io->Xnames->at(2), "V2");
+    dispose(io);
+}
+
+TEST(VmModel, ExternalModelIsNotFreed) {
+    IO<unsigned long, double>* io = pathModel<unsigned long, double>(3);
+    io->is_external = true;
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        runLines(ctx, {"DEL MPT;"});
+        EXPECT_EQ(reg(ctx, "MPT"), 0u);
+    }
+    EXPECT_EQ(io->Xnames->at(1), "V1");
+    io->is_external = false;
+    dispose(io);
+}
+
+TEST(VmModel, FltmprecBehavesAsFlt64) {
+    IO<unsigned long, double>* io = pathModel<unsigned long, double>(5);
+    Leftovers<unsigned long, double> rest(io);
+    const std::string a = tmpPath("vm_mprec"), b = tmpPath("vm_flt64");
+    std::remove(a.c_str());
+    std::remove(b.c_str());
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        runLines(ctx, {"idx_t UINT64;", "val_t FLTMPREC;"});
+        EXPECT_EQ(reg(ctx, "VAL"), 6u);
+        EXPECT_EQ(reg(ctx, "DIM"), (size_t)io->dim);
+        runLines(ctx, {"MFN " + quoted(a), "STORE MPT;", "val_t FLT64;", "MFN " + quoted(b), "STORE MPT;"});
+        EXPECT_EQ(readFile(a), readFile(b));
+        EXPECT_EQ(readFile(a)[1], '\5');
+
+        Ctx ctx2;
+        runLines(ctx2, {"idx_t UINT64;", "val_t FLTMPREC;", "MFN " + quoted(a), "LDX MPT;"});
+        checkLoaded<unsigned long, double>(ctx2, *io);
+    }
+}
+
+TEST(VmModel, EveryInstantiationStoresAndLoadsThroughPrograms) {
+    roundTrip<unsigned char, unsigned char>("UINT8", "UINT8");
+    roundTrip<unsigned short, unsigned short>("UINT16", "UINT16");
+    roundTrip<unsigned int, unsigned int>("UINT32", "UINT32");
+    roundTrip<unsigned long, unsigned long>("UINT64", "UINT64");
+    roundTrip<unsigned char, float>("UINT8", "FLT32");
+    roundTrip<unsigned short, float>("UINT16", "FLT32");
+    roundTrip<unsigned int, float>("UINT32", "FLT32");
+    roundTrip<unsigned long, float>("UINT64", "FLT32");
+    roundTrip<unsigned char, double>("UINT8", "FLT64");
+    roundTrip<unsigned short, double>("UINT16", "FLT64");
+    roundTrip<unsigned int, double>("UINT32", "FLT64");
+    roundTrip<unsigned long, double>("UINT64", "FLT64");
+}
+
+TEST(VmModel, HandWrittenModelFileSetsEveryRegister) {
+    // uint32 indices, double values; vertices A(2) B(3) C(2), edges (0,1), (2,1).
+    std::string f;
+    auto u8 = [&](unsigned char x) { f.push_back((char)x); };
+    auto u32 = [&](unsigned int x) { f.append(reinterpret_cast<const char*>(&x), 4); };
+    auto u64 = [&](size_t x) { f.append(reinterpret_cast<const char*>(&x), 8); };
+    auto name = [&](const char* s) { f.append(s, std::strlen(s) + 1); };
+    auto dbl = [&](double x) { f.append(reinterpret_cast<const char*>(&x), 8); };
+    u8(2);
+    u8(5);
+    u32(3);
+    u32(2);
+    u32(0);
+    u32(1);
+    u32(2);
+    u32(1);
+    u32(4);  // gtype: RBM
+    u64(5);
+    f += "2,3,2";
+    u64(0);
+    u32(1);   // T
+    u32(12);  // decay: ISING
+    u32(33);  // num_instances
+    u32(7);   // K
+    u32(2);
+    name("A");
+    name("a0");
+    name("a1");
+    u32(3);
+    name("B");
+    name("b0");
+    name("b1");
+    name("b2");
+    u32(2);
+    name("C");
+    name("c0");
+    name("c1");
+    u32(12);  // dim
+    for (int i = 0; i < 19; ++i) dbl(0.25 * i);
+    for (int i = 0; i < 12; ++i) dbl(-1.0 * i);
+    const std::string fn = tmpPath("vm_hand.mod");
+    writeFile(fn, f);
+
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT32;", "val_t FLT64;", "MFN " + quoted(fn), "LDX MPT;"});
+    const IO<unsigned int, double>* io = reinterpret_cast<const IO<unsigned int, double>*>(reg(ctx, "MPT"));
+    ASSERT_NE(io, nullptr);
+    EXPECT_EQ(reg(ctx, "NXX"), 33u);
+    EXPECT_EQ(reg(ctx, "GPT"), (size_t)io->G);
+    EXPECT_EQ(reg(ctx, "GRA"), 4u);
+    EXPECT_EQ(reg(ctx, "REP"), 12u);
+    const std::vector<size_t>* L = reinterpret_cast<const std::vector<size_t>*>(reg(ctx, "LPT"));
+    ASSERT_NE(L, nullptr);
+    EXPECT_EQ(*L, (std::vector<size_t>{2, 3, 2}));
+    EXPECT_EQ(reg(ctx, "DIM"), 12u);
+    EXPECT_EQ(reg(ctx, "GVX"), 3u);
+    EXPECT_EQ(reg(ctx, "GEX"), 2u);
+    unsigned int s, t;
+    io->G->edge(1, s, t);
+    EXPECT_EQ(s, 2u);
+    EXPECT_EQ(t, 1u);
+    EXPECT_EQ(io->K, 7u);
+    EXPECT_EQ(io->sdim, 19u);
+    EXPECT_EQ(io->woff[4], 13u);
+    EXPECT_EQ(io->E[18], 4.5);
+    EXPECT_EQ(io->w[11], -11.0);
+    EXPECT_EQ(io->Ynames->at(2)->at(1), "c1");
+}
+
+TEST(VmModel, LoadWithAPairWithoutInstantiationDoesNothing) {
+    IO<unsigned int, unsigned int>* io = pathModel<unsigned int, unsigned int>(3);
+    const std::string fn = tmpPath("vm_noinst.mod");
+    io->store(fn);
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT32;", "val_t UINT8;", "MFN " + quoted(fn), "LDX MPT;"});
+    EXPECT_EQ(reg(ctx, "MPT"), 0u);
+    EXPECT_EQ(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(reg(ctx, "DIM"), 0u);
+    dispose(io);
+}
+
+TEST(VmModel, SecondLoadReplacesTheList) {
+    IO<unsigned int, float>* io = pathModel<unsigned int, float>(3);
+    io->llist = "";
+    const std::string fn = tmpPath("vm_nolist.mod");
+    io->store(fn);
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT32;", "val_t FLT32;", "MFN " + quoted(fn), "LDX MPT;"});
+    const std::vector<size_t>* L = reinterpret_cast<const std::vector<size_t>*>(reg(ctx, "LPT"));
+    ASSERT_NE(L, nullptr);
+    EXPECT_TRUE(L->empty());
+    dispose(io);
+}
+
+TEST(VmModel, StoreRefusesToOverwriteUnlessAllowed) {
+    IO<unsigned long, double>* io = pathModel<unsigned long, double>(2);
+    Leftovers<unsigned long, double> rest(io);
+    const std::string fn = tmpPath("vm_ovw.mod");
+    writeFile(fn, "old");
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        try {
+            runLines(ctx, {"MFN " + quoted(fn), "STORE MPT;"});
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_STREQ(e.what(), "overwrite disabled but modelfile exists");
+        }
+        EXPECT_EQ(readFile(fn), "old");
+        Ctx ctx2;
+        wreg(ctx2, "MPT", (size_t)io);
+        runLines(ctx2, {"MFN " + quoted(fn), "OVW true", "STORE MPT;"});
+        EXPECT_GT(readFile(fn).size(), 100u);
+        // The failed run left ctx wedged: it frees nothing, ctx2 releases the container.
+    }
+}
+
+TEST(VmModel, StoreGraphExportsTheModelsGraph) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(3);
+    Leftovers<unsigned int, double> rest(io);
+    AbstractGraph<unsigned int>* G = rest.G;
+    const std::string adj = tmpPath("vm_exp.adj"), tgf = tmpPath("vm_exp.tgf"), fg = tmpPath("vm_exp.fg");
+    for (const std::string& p : {adj, tgf, fg}) std::remove(p.c_str());
+    {
+        Ctx ctx;
+        runLines(ctx, {"idx_t UINT32;"});
+        wreg(ctx, "MPT", (size_t)io);
+        wreg(ctx, "GPT", (size_t)G);
+        runLines(ctx, {"GFN " + quoted(adj), "FMT ADJ;", "STORE GPT;", "GFN " + quoted(tgf), "FMT TGF;", "STORE GPT;",
+                       "GFN " + quoted(fg), "FMT FG;", "STORE GPT;"});
+        EXPECT_EQ(readFile(adj), "0,1,0\n1,0,1\n0,1,0\n");
+        EXPECT_EQ(readFile(tgf), "1 V0\n2 V1\n3 V2\n#\n1 2\n2 3\n");
+        const std::string f = readFile(fg);
+        const std::string head = "2\n\n2\n0 1\n2 3\n6\n0 1\n";
+        EXPECT_EQ(f.substr(0, head.size()), head);
+        // The graph is the context's as well; keep it for the end of the test.
+        wreg(ctx, "GPT", 0);
+    }
+}
+
+TEST(VmModel, StoreGraphWithoutModelFails) {
+    unsigned long* el = (unsigned long*)malloc(sizeof(unsigned long) * 2);
+    el[0] = 0;
+    el[1] = 1;
+    Graph<unsigned long>* G = new Graph<unsigned long>(true, el, 2, 1);
+    for (const char* fmt : {"ADJ", "TGF", "FG"}) {
+        const std::string fn = tmpPath(std::string("vm_nomodel_") + fmt);
+        std::remove(fn.c_str());
+        // A failed run wedges its context, which then releases nothing.
+        Ctx ctx;
+        wreg(ctx, "GPT", (size_t)G);
+        try {
+            runLines(ctx, {"GFN " + quoted(fn), std::string("FMT ") + fmt + ";", "STORE GPT;"});
+            FAIL() << "no exception for " << fmt;
+        } catch (const std::logic_error& e) {
+            EXPECT_STREQ(e.what(), "model or graph missing");
+        }
+        EXPECT_TRUE(readFile(fn).empty());
+    }
+    delete G;
+}
+
+TEST(VmModel, StoreGraphWithAnUnknownFormatWritesNothing) {
+    IO<unsigned long, double>* io = pathModel<unsigned long, double>(2);
+    Leftovers<unsigned long, double> rest(io);
+    AbstractGraph<unsigned long>* G = rest.G;
+    const std::string fn = tmpPath("vm_fmt7");
+    std::remove(fn.c_str());
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        wreg(ctx, "GPT", (size_t)G);
+        wreg(ctx, "FMT", 7);
+        runLines(ctx, {"GFN " + quoted(fn), "STORE GPT;"});
+        FILE* f = std::fopen(fn.c_str(), "rb");
+        EXPECT_EQ(f, nullptr);
+        if (f) std::fclose(f);
+        wreg(ctx, "GPT", 0);
+    }
+}
+
+TEST(VmModel, DryPassLeavesSentinelsAndDimOne) {
+    const std::string fn = tmpPath("vm_dry.mod");
+    writeFile(fn, "anything");
+    vm_t vm;
+    std::vector<std::string>* code = new std::vector<std::string>{"MFN " + quoted(fn), "LDX MPT;"};
+    vm.setCode(code);
+    vm.parse(true);
+    EXPECT_EQ(vm.getP(vm_t::MPT), (void*)1);
+    EXPECT_EQ(vm.getP(vm_t::GPT), (void*)1);
+    EXPECT_EQ(vm.getDim(), 1u);
+    EXPECT_EQ(vm.get(vm_t::DIM), 1u);
+    // The sentinel is never deleted.
+    EXPECT_TRUE(vm.freeModel());
+    EXPECT_EQ(vm.getP(vm_t::MPT), nullptr);
+    vm.set(vm_t::GPT, (void*)nullptr);
+}
+
+TEST(VmModel, NewGraphIsAttachedToTheModel) {
+    IO<unsigned short, float>* io = pathModel<unsigned short, float>(4);
+    Leftovers<unsigned short, float> rest(io);
+    // A star around vertex 1 with states 2, 3, 2, 3: 2*3 + 3*2 + 3*3.
+    unsigned short* el = (unsigned short*)malloc(sizeof(unsigned short) * 6);
+    const unsigned short edges[6] = {1, 0, 1, 2, 1, 3};
+    std::memcpy(el, edges, sizeof(edges));
+    Graph<unsigned short>* star = new Graph<unsigned short>(true, el, 4, 3);
+    vm_t vm;
+    vm.set(vm_t::IDX, (size_t)vm_t::idxUINT16);
+    vm.set(vm_t::VAL, (size_t)vm_t::valFLT32);
+    vm.set(vm_t::GRA, (size_t)vm_t::STAR);
+    vm.set(vm_t::MPT, (void*)io);
+    vm.set(vm_t::GPT, (void*)star);
+    vm.attachGraphToModel();
+    EXPECT_EQ(io->G, star);
+    EXPECT_EQ(io->gtype, 3u);
+    EXPECT_EQ(io->dim, 21u);
+    EXPECT_EQ(vm.get(vm_t::DIM), 21u);
+    // Nothing to attach to without a model.
+    vm.set(vm_t::MPT, (void*)nullptr);
+    vm.attachGraphToModel();
+    vm.set(vm_t::GPT, (void*)nullptr);
+    delete star;
+    delete io;
+}
+
+TEST(VmModel, LoadingAGraphAfterAModelHandsItToTheModel) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(3);
+    const std::string fn = tmpPath("vm_attach.mod");
+    io->store(fn);
+    dispose(io);
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT32;", "val_t FLT64;", "MFN " + quoted(fn), "LDX MPT;"});
+    EXPECT_EQ(reg(ctx, "DIM"), 12u);
+    // The vertex count comes from the model's graph; a star around 0 over states 2, 3, 2.
+    runLines(ctx, {"GRA STAR;", "LDX GPT;"});
+    const IO<unsigned int, double>* loaded = reinterpret_cast<const IO<unsigned int, double>*>(reg(ctx, "MPT"));
+    EXPECT_EQ(reg(ctx, "GPT"), (size_t)loaded->G);
+    EXPECT_EQ(loaded->gtype, 3u);
+    EXPECT_EQ(reg(ctx, "GEX"), 2u);
+    EXPECT_EQ(reg(ctx, "DIM"), 10u);
+}
