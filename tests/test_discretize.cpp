@@ -45,6 +45,18 @@ std::vector<double> standardised(const std::vector<double>& x) {
     return z;
 }
 
+// A hand-made model of two bins over the given four edges, without moments.
+DiscretizationModel twoBins(double* edges, double mean, double sdev) {
+    DiscretizationModel M;
+    M.num_intervals = 2;
+    M.num_moments = 0;
+    M.intervals = edges;
+    M.moments = nullptr;
+    M.mean = mean;
+    M.sdev = sdev;
+    return M;
+}
+
 }  // namespace
 
 TEST(Discretize, ConstantColumnGivesOneDegenerateBin) {
@@ -232,14 +244,8 @@ TEST(DiscretizePrecomputed, OutsideValuesGoToTheOuterBins) {
 }
 
 TEST(DiscretizePrecomputed, ZeroDeviationDividesByOne) {
-    DiscretizationModel M;
     double edges[4] = {-1.0, 0.0, 0.0, 1.0};
-    M.num_intervals = 2;
-    M.num_moments = 0;
-    M.intervals = edges;
-    M.moments = nullptr;
-    M.mean = 10.0;
-    M.sdev = 0.0;
+    const DiscretizationModel M = twoBins(edges, 10.0, 0.0);
     std::vector<double> in = {9.5, 10.0, 10.5, 12.0};
     std::vector<unsigned short> out(in.size());
     discretize_precomputed(out.data(), in.data(), in.size(), M);
@@ -247,14 +253,8 @@ TEST(DiscretizePrecomputed, ZeroDeviationDividesByOne) {
 }
 
 TEST(DiscretizePrecomputedDeath, ValueBetweenADegenerateBinAndTheNextAsserts) {
-    DiscretizationModel M;
     double edges[4] = {0.0, 0.0, 1.0, 2.0};
-    M.num_intervals = 2;
-    M.num_moments = 0;
-    M.intervals = edges;
-    M.moments = nullptr;
-    M.mean = 0.0;
-    M.sdev = 1.0;
+    const DiscretizationModel M = twoBins(edges, 0.0, 1.0);
     double in[1] = {0.5};
     unsigned short out[1];
     EXPECT_DEATH(discretize_precomputed(out, in, 1, M), "Assertion `found' failed");
