@@ -1,0 +1,408 @@
+// Graphs loaded through programs: the graph kinds of GRA, the file and host
+// list forms, their failures, release, and the computed registers GVX and GEX.
+#include <gtest/gtest.h>
+#include <qz_test_util.h>
+
+#include <QZ/QZGRAPH>
+#include <QZ/QZMISC>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace qztest;
+using QZ::AbstractGraph;
+using QZ::Graph;
+
+namespace {
+
+typedef std::vector<std::pair<size_t, size_t>> EL;
+
+template <typename idx_t = unsigned long> const AbstractGraph<idx_t>* graphOf(void* ctx) {
+    return reinterpret_cast<const AbstractGraph<idx_t>*>(reg(ctx, "GPT"));
+}
+
+template <typename idx_t = unsigned long> EL edgesOf(void* ctx) {
+    const AbstractGraph<idx_t>* G = graphOf<idx_t>(ctx);
+    EL r;
+    for (size_t e = 0; e < (size_t)G->edges(); ++e) {
+        idx_t v, u;
+        G->edge((idx_t)e, v, u);
+        r.push_back({(size_t)v, (size_t)u});
+    }
+    return r;
+}
+
+// The message of the exception of type E that the program raises after
+// setup; a fresh context each time, since a failed run leaves its context
+// unusable.
+template <typename E>
+std::string failure(const std::vector<std::string>& lines, const std::function<void(void*)>& setup = nullptr) {
+    Ctx ctx;
+    if (setup) setup(ctx);
+    try {
+        runLines(ctx, lines);
+    } catch (const E& e) {
+        return e.what();
+    } catch (const std::exception& e) {
+        return std::string("other exception: ") + e.what();
+    }
+    return "no exception";
+}
+
+}  // namespace
+
+TEST(VmGraph, ChainOfStoredVertexCount) {
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 5", "LDX GPT;"});
+    ASSERT_NE(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    EXPECT_EQ(reg(ctx, "GEX"), 4u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {1, 2}, {2, 3}, {3, 4}}));
+    EXPECT_EQ(graphOf(ctx)->itype, 3);
+}
+
+TEST(VmGraph, StoredZeroGivesAnEmptyChain) {
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 0", "LDX GPT;"});
+    ASSERT_NE(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(reg(ctx, "GVX"), 0u);
+    EXPECT_EQ(reg(ctx, "GEX"), 0u);
+}
+
+TEST(VmGraph, StructureSearchKindsStartFromAChain) {
+    for (const char* kind : {"GRA CLIQUES", "GRA RNDCLIQUES"}) {
+        Ctx ctx;
+        runLines(ctx, {kind, "GVX 4", "LDX GPT;"});
+        EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {1, 2}, {2, 3}})) << kind;
+    }
+}
+
+TEST(VmGraph, GridTakesTheIntegerSquareRoot) {
+    Ctx ctx;
+    runLines(ctx, {"GRA GRID", "GVX 10", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 9u);
+    EXPECT_EQ(reg(ctx, "GEX"), 12u);
+    const EL el = edgesOf(ctx);
+    EXPECT_EQ(EL(el.begin(), el.begin() + 4), (EL{{0, 3}, {0, 1}, {1, 4}, {1, 2}}));
+}
+
+TEST(VmGraph, StarAroundCEN) {
+    Ctx ctx;
+    runLines(ctx, {"GRA STAR", "GVX 4", "CEN 1", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 4u);
+    EXPECT_EQ(reg(ctx, "GEX"), 3u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {2, 1}, {3, 1}}));
+}
+
+TEST(VmGraph, StarWithCentreOutsideAsserts) {
+    EXPECT_DEATH(
+        {
+            Ctx ctx;
+            runLines(ctx, {"GRA STAR", "GVX 3", "CEN 3", "LDX GPT;"});
+        },
+        "Assertion `_c>=0 && _c<_n' failed");
+}
+
+namespace {
+std::vector<std::string> g_labels;
+size_t g_total = 0;
+void progress(size_t, size_t total, const char* text) {
+#pragma omp critical(vm_graph_progress)
+    {
+        g_labels.push_back(text);
+        g_total = total;
+    }
+}
+}  // namespace
+
+TEST(VmGraph, FullGraphWithProgressFromCBP) {
+    g_labels.clear();
+    Ctx ctx;
+    wreg(ctx, "CBP", (size_t)&progress);
+    runLines(ctx, {"GRA FULL", "GVX 5", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GEX"), 10u);
+    const EL el = edgesOf(ctx);
+    EXPECT_EQ(el.front(), (std::pair<size_t, size_t>{3, 4}));
+    EXPECT_EQ(el.back(), (std::pair<size_t, size_t>{0, 1}));
+    ASSERT_FALSE(g_labels.empty());
+    EXPECT_EQ(g_labels.front(), "GRAPH");
+    EXPECT_EQ(g_total, 9u);
+}
+
+TEST(VmGraph, TreeSearchKindsStartFromTheCompleteGraph) {
+    for (const char* kind : {"GRA CHOWLIU", "GRA ELEMGM"}) {
+        Ctx ctx;
+        runLines(ctx, {kind, "GVX 4", "LDX GPT;"});
+        EXPECT_EQ(edgesOf(ctx), (EL{{2, 3}, {1, 3}, {1, 2}, {0, 3}, {0, 2}, {0, 1}})) << kind;
+    }
+}
+
+TEST(VmGraph, RBMFromTheLayerList) {
+    Ctx ctx;
+    wreg(ctx, "LPT", (size_t) new std::vector<size_t>{2, 3});
+    runLines(ctx, {"GRA RBM", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    EXPECT_EQ(reg(ctx, "GEX"), 6u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 2}, {0, 3}, {0, 4}, {1, 2}, {1, 3}, {1, 4}}));
+}
+
+TEST(VmGraph, FileFromDenseAdjacencyText) {
+    const std::string f = tmpPath("vm_graph_adj.csv");
+    writeFile(f, "0,1,0,1\n1,0,1,0\n0,1,0,1\n1,0,1,0\n");
+    Ctx ctx;
+    runLines(ctx, {"GRA FILE", "GFN '" + f + "'", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 4u);
+    EXPECT_EQ(reg(ctx, "GEX"), 4u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {0, 3}, {1, 2}, {2, 3}}));
+}
+
+TEST(VmGraph, FileUsesTheSeparatorOfSEP) {
+    const std::string f = tmpPath("vm_graph_adj_semicolon.csv");
+    writeFile(f, "0;0;1\n0;0;1\n1;1;0\n");
+    Ctx ctx;
+    runLines(ctx, {"GFN '" + f + "'", "SEP ';'", "LDX GPT;"});
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 2}, {1, 2}}));
+}
+
+TEST(VmGraph, FileWithWrongAdjacencyFormatFails) {
+    const std::string f = tmpPath("vm_graph_adj_bad.csv");
+    writeFile(f, "0,1\n1,0,1\n");
+    EXPECT_EQ(failure<std::out_of_range>({"GFN '" + f + "'", "LDX GPT;"}), "wrong adjancency format");
+}
+
+TEST(VmGraph, FileFromAHostEdgeListInPlace) {
+    std::vector<unsigned long> el = {0, 2, 2, 1, 1, 3};
+    {
+        Ctx ctx;
+        wreg(ctx, "EAP", (size_t)el.data());
+        wreg(ctx, "GVX", 4);
+        wreg(ctx, "GEX", 3);
+        runLines(ctx, {"GRA FILE", "LDX GPT;"});
+        EXPECT_EQ(reg(ctx, "GVX"), 4u);
+        EXPECT_EQ(reg(ctx, "GEX"), 3u);
+        EXPECT_EQ(edgesOf(ctx), (EL{{0, 2}, {2, 1}, {1, 3}}));
+        const Graph<unsigned long>* G = static_cast<const Graph<unsigned long>*>(graphOf(ctx));
+        EXPECT_EQ(G->getA(), el.data());
+        EXPECT_FALSE(G->myA);
+        runLines(ctx, {"DEL GPT;"});
+        EXPECT_EQ(reg(ctx, "GPT"), 0u);
+    }
+    // The list stayed the host's through DEL and the end of the context.
+    EXPECT_EQ(el, (std::vector<unsigned long>{0, 2, 2, 1, 1, 3}));
+}
+
+TEST(VmGraph, HostEdgeListInThirtyTwoBits) {
+    std::vector<unsigned int> el = {1, 0, 2, 1};
+    Ctx ctx;
+    wreg(ctx, "EAP", (size_t)el.data());
+    runLines(ctx, {"idx_t UINT32", "GVX 3", "GEX 2", "LDX GPT;"});
+    EXPECT_EQ(graphOf<unsigned int>(ctx)->itype, 2);
+    EXPECT_EQ(edgesOf<unsigned int>(ctx), (EL{{1, 0}, {2, 1}}));
+}
+
+// ------------------------------------------------------------ failures
+
+TEST(VmGraphFailures, FileKindWithoutFileOrListNeedsAFile) {
+    EXPECT_EQ(failure<std::logic_error>({"GRA FILE", "LDX GPT;"}), "9 requires an adjacency matrix file");
+}
+
+TEST(VmGraphFailures, MissingAdjacencyFile) {
+    const std::string f = tmpPath("vm_graph_no_such_file.csv");
+    std::remove(f.c_str());
+    EXPECT_EQ(failure<std::logic_error>({"GFN '" + f + "'", "LDX GPT;"}), "file " + f + " does not exist");
+}
+
+TEST(VmGraphFailures, TemporalRBMIsNotSupported) {
+    EXPECT_EQ(failure<std::out_of_range>({"GRA RBM", "TXX 2", "LDX GPT;"},
+                                         [](void* ctx) { wreg(ctx, "LPT", (size_t) new std::vector<size_t>{2, 3}); }),
+              "Temporal RBM is not supported");
+}
+
+TEST(VmGraphFailures, RBMWithoutLayers) {
+    EXPECT_EQ(failure<std::out_of_range>({"GRA RBM", "LDX GPT;"}), "RBM requires layer definition");
+}
+
+TEST(VmGraphFailures, RBMWithOneLayer) {
+    EXPECT_EQ(failure<std::out_of_range>({"GRA RBM", "LDX GPT;"},
+                                         [](void* ctx) { wreg(ctx, "LPT", (size_t) new std::vector<size_t>{4}); }),
+              "RBM requires more than one layer");
+}
+
+TEST(VmGraphFailures, OtherKindGivesNoGraphAndStatsFails) {
+    static int fakeModel = 0;
+    EXPECT_EQ(failure<std::logic_error>({"STATS;"},
+                                        [](void* ctx) {
+                                            runLines(ctx, {"GRA OTHER", "GVX 5", "LDX GPT;"});
+                                            EXPECT_EQ(reg(ctx, "GPT"), 0u);
+                                            EXPECT_EQ(reg(ctx, "GVX"), 5u);
+                                            // Never dereferenced: STATS checks the graph
+                                            // right after the model and fails there.
+                                            wreg(ctx, "MPT", (size_t)&fakeModel);
+                                        }),
+              "no graph loaded");
+}
+
+TEST(VmGraphFailures, DerivedKindsGiveNoGraph) {
+    for (const char* kind : {"GRA JT", "GRA DBT", "GRA ST"}) {
+        Ctx ctx;
+        runLines(ctx, {kind, "GVX 5", "LDX GPT;"});
+        EXPECT_EQ(reg(ctx, "GPT"), 0u) << kind;
+    }
+    EXPECT_EQ(failure<std::logic_error>({"GRA OTHER", "GVX 5", "LDX GPT;", "MODEL;"}), "no graph loaded");
+}
+
+TEST(VmGraphFailures, NoInstantiationLeavesTheGraphNullSilently) {
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT16", "val_t UINT32", "GRA CHAIN", "GVX 5", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    // The same index type with a matching integer value type works.
+    runLines(ctx, {"val_t UINT16", "LDX GPT;"});
+    EXPECT_NE(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(graphOf<unsigned short>(ctx)->itype, 1);
+}
+
+TEST(VmGraphFailures, ReleaseWithAnUnknownIndexType) {
+    EXPECT_EQ(failure<std::logic_error>({"DEL GPT;"},
+                                        [](void* ctx) {
+                                            runLines(ctx, {"GRA CHAIN", "GVX 3", "LDX GPT;"});
+                                            wreg(ctx, "IDX", 9);
+                                        }),
+              "unsupported storage type");
+}
+
+// ------------------------------------------------------------ dispatch
+
+TEST(VmGraphDispatch, MultiplePrecisionIsDouble) {
+    Ctx ctx;
+    runLines(ctx, {"val_t FLTMPREC", "GRA GRID", "GVX 4", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GEX"), 4u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 2}, {0, 1}, {1, 3}, {2, 3}}));
+}
+
+TEST(VmGraphDispatch, EveryIndexWidthWithFloatValues) {
+    const char* idx[4] = {"idx_t UINT8", "idx_t UINT16", "idx_t UINT32", "idx_t UINT64"};
+    for (int i = 0; i < 4; ++i) {
+        Ctx ctx;
+        runLines(ctx, {idx[i], "val_t FLT32", "GRA CHAIN", "GVX 6", "LDX GPT;"});
+        ASSERT_NE(reg(ctx, "GPT"), 0u);
+        EXPECT_EQ(reinterpret_cast<const AbstractGraph<unsigned char>*>(reg(ctx, "GPT"))->itype, i);
+        EXPECT_EQ(reg(ctx, "GEX"), 5u);
+        runLines(ctx, {"DEL GPT;"});
+        EXPECT_EQ(reg(ctx, "GPT"), 0u);
+    }
+}
+
+// ------------------------------------------------------------ registers
+
+TEST(VmGraphRegisters, WrittenVertexCountIsReadBackWithoutAGraph) {
+    Ctx ctx;
+    wreg(ctx, "GVX", 300);
+    wreg(ctx, "GEX", 7);
+    EXPECT_EQ(reg(ctx, "GVX"), 300u);
+    EXPECT_EQ(reg(ctx, "GEX"), 7u);
+}
+
+TEST(VmGraphRegisters, WithAGraphTheCountsComeFromIt) {
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 5", "LDX GPT;"});
+    wreg(ctx, "GVX", 300);
+    wreg(ctx, "GEX", 7);
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    EXPECT_EQ(reg(ctx, "GEX"), 4u);
+    // After DEL the stored values come back.
+    runLines(ctx, {"DEL GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 300u);
+    EXPECT_EQ(reg(ctx, "GEX"), 7u);
+}
+
+TEST(VmGraphRegisters, VertexCountIsTruncatedToTheIndexWidth) {
+    Ctx ctx;
+    wreg(ctx, "GVX", 300);
+    runLines(ctx, {"idx_t UINT8", "val_t UINT8", "GRA CHAIN", "LDX GPT;"});
+    // 300 does not fit into 8 bits: the chain has 44 vertices.
+    EXPECT_EQ(reg(ctx, "GVX"), 44u);
+    EXPECT_EQ(reg(ctx, "GEX"), 43u);
+}
+
+TEST(VmGraphRegisters, UnknownIndexTypeFallsBackToTheStoredValue) {
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 5", "LDX GPT;"});
+    wreg(ctx, "GVX", 12);
+    wreg(ctx, "IDX", 7);
+    EXPECT_EQ(reg(ctx, "GVX"), 12u);
+    wreg(ctx, "IDX", 3);
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+}
+
+TEST(VmGraphRegisters, InstructionsReadTheEdgeCountOfTheGraph) {
+    // GEX is stored 0; MOV reads it through the loaded grid.
+    Ctx ctx;
+    runLines(ctx, {"GRA GRID", "GVX 16", "LDX GPT;", "MOV RNU GEX;"});
+    EXPECT_EQ(reg(ctx, "RNU"), 24u);
+}
+
+TEST(VmGraphRegisters, SecondLoadWithoutReleaseTakesTheCountOfTheFirst) {
+    // The vertex count is read through GVX, which answers from the graph
+    // already loaded.
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 3", "LDX GPT;", "GVX 8", "GRA STAR", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 3u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{1, 0}, {2, 0}}));
+}
+
+TEST(VmGraphRegisters, DryPassHoldsTheSentinelAndStoredCounts) {
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{"GRA CHAIN", "GVX 5", "GEX 2", "LDX GPT;"});
+    vm.parse(true);
+    EXPECT_EQ(vm.getP(QZ::vm_t::GPT), (void*)1);
+    EXPECT_EQ(vm.get(QZ::vm_t::GVX), 5u);
+    EXPECT_EQ(vm.get(QZ::vm_t::GEX), 2u);
+    // Outside the dry pass the sentinel is still no graph to read.
+    vm.setCode(new std::vector<std::string>{"GRA CHAIN"});
+    vm.parse(false);
+    EXPECT_EQ(vm.get(QZ::vm_t::GVX), 5u);
+    // Releasing the sentinel deletes nothing and clears the register.
+    EXPECT_TRUE(vm.freeGraph());
+    EXPECT_EQ(vm.getP(QZ::vm_t::GPT), nullptr);
+}
+
+TEST(VmGraphRegisters, DryPassStillChecksTheFile) {
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{"GFN 'no/such/graph.csv'", "LDX GPT;"});
+    try {
+        vm.parse(true);
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "file no/such/graph.csv does not exist");
+    }
+    EXPECT_EQ(vm.getP(QZ::vm_t::GPT), nullptr);
+}
+
+TEST(VmGraphRegisters, DryPassReleaseClearsTheSentinel) {
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{"GRA GRID", "GVX 9", "LDX GPT;", "DEL GPT;"});
+    vm.parse(true);
+    EXPECT_EQ(vm.getP(QZ::vm_t::GPT), nullptr);
+}
+
+// ------------------------------------------------------------ sized from data
+
+TEST(VmGraphData, TableColumnsDividedByTheSliceCount) {
+    const std::string f = tmpPath("vm_graph_table.csv");
+    // The reader drops the first line behind the header.
+    std::string text = "a,b,c,d,e,f\n1,1,1,1,1,1\n";
+    for (int r = 0; r < 10; ++r) text += "0,1,0,1,0,1\n";
+    writeFile(f, text);
+    Ctx ctx;
+    runLines(ctx, {"DFN '" + f + "'", "LDX DPT;", "TXX 2", "GRA CHAIN", "GVX 40", "LDX GPT;"});
+    ASSERT_EQ(reg(ctx, "NXX"), 10u);
+    EXPECT_EQ(reg(ctx, "GVX"), 3u);
+    EXPECT_EQ(reg(ctx, "GEX"), 2u);
+    runLines(ctx, {"DEL GPT;", "TXX 1", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 6u);
+    runLines(ctx, {"DEL GPT;", "TXX 0", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 0u);
+}
