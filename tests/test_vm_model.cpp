@@ -478,3 +478,19 @@ TEST(VmModel, LoadingAGraphAfterAModelHandsItToTheModel) {
     EXPECT_EQ(reg(ctx, "GEX"), 2u);
     EXPECT_EQ(reg(ctx, "DIM"), 10u);
 }
+
+TEST(VmModel, AGraphKindWithoutGraphLeavesTheModelWithoutEdges) {
+    IO<unsigned short, float>* io = pathModel<unsigned short, float>(4);
+    const std::string fn = tmpPath("vm_other.mod");
+    io->store(fn);
+    dispose(io);
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT16;", "val_t FLT32;", "MFN " + quoted(fn), "LDX MPT;"});
+    EXPECT_EQ(reg(ctx, "DIM"), 18u);
+    runLines(ctx, {"GRA OTHER;", "LDX GPT;"});
+    const IO<unsigned short, float>* loaded = reinterpret_cast<const IO<unsigned short, float>*>(reg(ctx, "MPT"));
+    EXPECT_EQ(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ(loaded->G, nullptr);
+    EXPECT_EQ(loaded->gtype, 8u);
+    EXPECT_EQ(reg(ctx, "DIM"), 0u);
+}
