@@ -57,7 +57,7 @@ std::vector<std::string>* CategoricalData::categoryNames(const size_t& c) const 
 
 std::string CategoricalData::columnName(const size_t& c) const {
     assert(c<n+H);
-    if (hasHeader) return header[c];
+    if (hasHeader) return header.at(c);
     return (added[c] ? "H" : "X") + std::to_string(c);
 }
 
@@ -161,6 +161,11 @@ void CategoricalData::addRow(std::vector<unsigned short>& row) {
 void CategoricalData::setColumn(const size_t& col, const unsigned short value) {
     for (size_t r = 0; r < N; ++r) set(value, r, col, false);
 }
+
+template void CategoricalData::fillRBMLayer<unsigned char>(size_t, size_t, size_t, size_t, const unsigned char*);
+template void CategoricalData::fillRBMLayer<unsigned short>(size_t, size_t, size_t, size_t, const unsigned short*);
+template void CategoricalData::fillRBMLayer<unsigned int>(size_t, size_t, size_t, size_t, const unsigned int*);
+template void CategoricalData::fillRBMLayer<unsigned long>(size_t, size_t, size_t, size_t, const unsigned long*);
 
 // ---------------------------------------------------------------- readers
 
