@@ -16,7 +16,9 @@ typedef std::vector<std::vector<std::string>*> NameLists;
 // the model's state names, or Y0, Y1, ... when the model has none. The model
 // also says how many hidden columns (and of how many states) the file lacks.
 template <typename idx_t, typename val_t> void loadData0(vm_t& vm) {
-    IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+    void* mp = vm.getP(vm_t::MPT);
+    // The dry-pass placeholder is no model.
+    IO<idx_t, val_t>* io = mp == (void*)1 ? nullptr : static_cast<IO<idx_t, val_t>*>(mp);
     NameLists* YN = nullptr;
     bool tempYN = false;
     size_t Lnum = 0, Ly = 0;

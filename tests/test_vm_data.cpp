@@ -505,6 +505,16 @@ TEST(VmData, HostTableWithBoltzmannModelAddsNothing) {
     EXPECT_EQ(table(ctx)->categories(2), 4u);
 }
 
+TEST(VmData, ModelPlaceholderIsNoModel) {
+    std::string text = "a\nskip\nx\ny\n";
+    Ctx ctx;
+    wreg(ctx, "MPT", 1);
+    wreg(ctx, "EDP", (size_t)&text);
+    ASSERT_TRUE(runLines(ctx, {"LDX DPT;"}));
+    EXPECT_FALSE(table(ctx)->states_locked);
+    EXPECT_EQ(table(ctx)->categories(0), 2u);
+}
+
 // ---------------------------------------------------------------- qzrun and the example
 
 TEST(VmData, QzrunLoadsTheFileNamedOnItsCommandLine) {
