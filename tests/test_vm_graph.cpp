@@ -4,6 +4,7 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZGRAPH>
+#include <QZ/QZIO>
 #include <QZ/QZMISC>
 
 #include <functional>
@@ -405,4 +406,19 @@ TEST(VmGraphData, TableColumnsDividedByTheSliceCount) {
     EXPECT_EQ(reg(ctx, "GVX"), 6u);
     runLines(ctx, {"DEL GPT;", "TXX 0", "LDX GPT;"});
     EXPECT_EQ(reg(ctx, "GVX"), 0u);
+}
+
+// ------------------------------------------------------------ with a model
+
+TEST(VmGraphModel, LoadedGraphIsHandedToTheModel) {
+    Ctx ctx;
+    QZ::IO<unsigned long, double>* io = new QZ::IO<unsigned long, double>();
+    io->Y = new unsigned long[3]{2, 3, 4};
+    wreg(ctx, "MPT", (size_t)io);
+    runLines(ctx, {"GRA CHAIN", "GVX 3", "LDX GPT;"});
+    ASSERT_NE(reg(ctx, "GPT"), 0u);
+    EXPECT_EQ((size_t)io->G, reg(ctx, "GPT"));
+    EXPECT_EQ(io->gtype, 1u);
+    // 2*3 + 3*4 over the edges (0,1), (1,2).
+    EXPECT_EQ(io->dim, 18u);
 }
