@@ -494,3 +494,45 @@ TEST(VmModel, AGraphKindWithoutGraphLeavesTheModelWithoutEdges) {
     EXPECT_EQ(loaded->gtype, 8u);
     EXPECT_EQ(reg(ctx, "DIM"), 0u);
 }
+
+TEST(VmModel, SpatioTemporalModelLoadsWithItsSliceGraph) {
+    // Base path of 3 vertices over 2 slices: the stored graph is the base only.
+    IO<unsigned int, double>* base = pathModel<unsigned int, double>(3);
+    STGraph<unsigned int>* st = new STGraph<unsigned int>(base->G, 2);
+    IO<unsigned int, double> io;
+    io.G = st;
+    io.H = base->G;
+    io.T = 2;
+    io.Y = new unsigned int[6]{2, 2, 2, 2, 2, 2};
+    io.Xnames = new std::vector<std::string>{"a", "b", "c", "d", "e", "f"};
+    io.Ynames = new std::vector<std::vector<std::string>*>();
+    for (int v = 0; v < 6; ++v) io.Ynames->push_back(new std::vector<std::string>{"n", "y"});
+    io.dim = (unsigned int)(4 * st->edges());
+    io.sdim = 12 + io.dim;
+    io.E = new double[io.sdim]();
+    io.E[io.sdim - 1] = 3.5;
+    io.w = new double[io.dim]();
+    io.w[0] = -2.0;
+    const std::string fn = tmpPath("vm_st.mod");
+    io.store(fn);
+    delete[] io.w;
+    delete st;
+    dispose(base);
+
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT32;", "val_t FLT64;", "MFN " + quoted(fn), "LDX MPT;"});
+    const IO<unsigned int, double>* loaded = reinterpret_cast<const IO<unsigned int, double>*>(reg(ctx, "MPT"));
+    ASSERT_NE(loaded, nullptr);
+    EXPECT_NE(dynamic_cast<const STGraph<unsigned int>*>(loaded->G), nullptr);
+    EXPECT_EQ(reg(ctx, "GPT"), (size_t)loaded->G);
+    EXPECT_EQ(loaded->H->vertices(), 3u);
+    EXPECT_EQ(reg(ctx, "GVX"), 6u);
+    // Temporal 3, spatial 2 per slice, diagonal 2 per base edge and step: 3 + 4 + 4.
+    EXPECT_EQ(reg(ctx, "GEX"), 11u);
+    EXPECT_EQ(reg(ctx, "DIM"), 44u);
+    EXPECT_EQ(loaded->sdim, 56u);
+    EXPECT_EQ(loaded->woff[6 + 11], 56u);
+    EXPECT_EQ(loaded->E[55], 3.5);
+    EXPECT_EQ(loaded->w[0], -2.0);
+    EXPECT_EQ(loaded->Xnames->at(5), "f");
+}
