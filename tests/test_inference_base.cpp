@@ -288,6 +288,9 @@ TEST(InferenceBase, LogPotentialOfFlatStateEqualsArrayForm) {
         EXPECT_DOUBLE_EQ(ia.log_potential(s), expect);
         delete[] X;
     }
+    // A literal or another integer type is a flat state, not a pointer.
+    EXPECT_DOUBLE_EQ(ia.log_potential(0), ia.getParameters()[0] + ia.getParameters()[6]);
+    EXPECT_DOUBLE_EQ(ia.log_potential((size_t)1), ia.getParameters()[2] + ia.getParameters()[6]);
 }
 
 TEST(InferenceBase, MMChoosesHighestStateAmongEqualMaxima) {
