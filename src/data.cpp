@@ -236,6 +236,10 @@ void CategoricalCSVData::read(std::istream& inF) {
     std::vector<unsigned short>().swap(cells);
 
     if (!states_locked) {
+        // Under shared states a file without one real value (or without a
+        // kept line) has made no table yet; table 0 is the one every column
+        // names, so it exists, empty, rather than being read past.
+        if (sharedStates && states.empty()) states.push_back(new std::map<std::string, size_t>());
         const size_t tables = sharedStates ? 1 : columns();
         for (size_t c = 0; c < tables; ++c) {
             const std::map<std::string, size_t>* m = states.at(c);

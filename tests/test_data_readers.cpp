@@ -377,3 +377,19 @@ TEST(CsvReader, LastColumnWithoutARealValueHasNoTable) {
     auto D = csv("h,i\nq,q\nx,?\ny,?\n", true, true);
     EXPECT_EQ(D->categories(1), 2u);
 }
+
+TEST(CsvReader, SharedStatesWithoutARealValueGiveAnEmptyTableZero) {
+    // No kept line at all.
+    auto E = csv("h,i\nq,q\n", true, true);
+    EXPECT_EQ(E->rows(), 0u);
+    EXPECT_EQ(E->data, nullptr);
+    ASSERT_EQ(E->states.size(), 1u);
+    EXPECT_TRUE(E->statesInv.at(0)->empty());
+    // Kept lines whose every cell is missing.
+    auto D = csv("h,i\nq,q\n?,?\n?a,?\n", true, true);
+    ASSERT_EQ(D->rows(), 2u);
+    EXPECT_EQ(D->categories(0), 0u);
+    EXPECT_EQ(D->categories(1), 0u);
+    EXPECT_EQ(rowOf(*D, 1), (std::vector<size_t>{65535, 65535}));
+    EXPECT_EQ(D->getString(1, 0), "?");
+}
