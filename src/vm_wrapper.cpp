@@ -66,7 +66,6 @@ void vm_wrapper::run() { (void)static_cast<QZ::vm_t*>(vm)->run(); }
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <iterator>
 #include <list>
 #include <tuple>
@@ -117,10 +116,11 @@ DiscretizationModel discretize(unsigned short* out, double* in, size_t N, size_t
     // One element more than the data: the equal-frequency walk may look at
     // A[N], which repeats the top value.
     double* A = new double[N + 1];
-    std::memcpy(A, in, N * sizeof(double));
     const long long NN = (long long)N;
+    // The copy and the standardisation are one parallel pass: in is read,
+    // never written.
 #pragma omp parallel for schedule(static)
-    for (long long i = 0; i < NN; ++i) A[i] = (A[i] - in_mean) / sd;
+    for (long long i = 0; i < NN; ++i) A[i] = (in[i] - in_mean) / sd;
     std::sort(A, A + N);
     A[N] = A[N - 1];
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -146,6 +147,67 @@ TEST(Discretize, BinCountCanDropBelowQ) {
     EXPECT_EQ(f.M.num_intervals, 1u);
     for (unsigned short c : f.codes) EXPECT_EQ(c, 0u);
     EXPECT_EQ(f.M.moments[4], 10.0);
+}
+
+TEST(Discretize, CutThatRunsToTheEndReadsTheTopValueOnePastTheData) {
+    // q = 3 over 0, 1, 2 and seven 3s: the first cut lands at position 3;
+    // the second starts at 3 + 7/2 = 6 inside the run of 3s and walks to N,
+    // so the edge (10, A[10]) is taken from one past the sorted copy. That
+    // element is the top value: the edges at 3 and 10 and the closing edge
+    // then hold one value and merge into the last, leaving a single bin.
+    const std::vector<double> in = {3, 0, 3, 1, 3, 2, 3, 3, 3, 3};
+    Fit f;
+    fit(f, in, 3);
+    ASSERT_EQ(f.M.num_intervals, 1u);
+    const std::vector<double> z = standardised(in);
+    EXPECT_DOUBLE_EQ(f.M.intervals[0], *std::min_element(z.begin(), z.end()));
+    EXPECT_DOUBLE_EQ(f.M.intervals[1], *std::max_element(z.begin(), z.end()));
+    EXPECT_EQ(f.M.moments[4], 10.0);
+    for (unsigned short c : f.codes) EXPECT_EQ(c, 0u);
+}
+
+TEST(Discretize, OfTwoNearEqualEdgesTheLaterStays) {
+    // 0 and 1e-10 differ by less than 1e-9 after standardising (the
+    // deviation is near 1): the edge at position 0 is erased, the first bin
+    // starts at the second value and holds it alone.
+    const std::vector<double> in = {0.0, 1e-10, 1.0, 2.0};
+    Fit f;
+    fit(f, in, 4);
+    ASSERT_EQ(f.M.num_intervals, 3u);
+    const std::vector<double> z = standardised(in);
+    EXPECT_DOUBLE_EQ(f.M.intervals[0], z[1]);
+    EXPECT_NE(f.M.intervals[0], z[0]);
+    EXPECT_EQ(f.M.moments[4], 1.0);
+    EXPECT_EQ(f.M.moments[5 + 4], 1.0);
+    EXPECT_EQ(f.M.moments[10 + 4], 1.0);
+    // The smallest value is below the first edge and still gets code 0.
+    EXPECT_EQ(f.codes, (std::vector<unsigned short>{0, 0, 1, 2}));
+}
+
+TEST(Discretize, HostThreadsMayCallAtOnce) {
+    std::vector<std::vector<double>> inputs(4);
+    for (size_t k = 0; k < inputs.size(); ++k) {
+        std::mt19937 rng(100 + k);
+        std::normal_distribution<double> nd((double)k, 1.0 + k);
+        inputs[k].resize(30000);
+        for (double& x : inputs[k]) x = std::round(nd(rng) * 8) / 8;
+    }
+    std::vector<Fit> alone(inputs.size()), together(inputs.size());
+    for (size_t k = 0; k < inputs.size(); ++k) fit(alone[k], inputs[k], 6 + k);
+    std::vector<std::thread> threads;
+    for (size_t k = 0; k < inputs.size(); ++k)
+        threads.emplace_back([&, k] { fit(together[k], inputs[k], 6 + k); });
+    for (std::thread& t : threads) t.join();
+    for (size_t k = 0; k < inputs.size(); ++k) {
+        EXPECT_EQ(together[k].codes, alone[k].codes) << k;
+        ASSERT_EQ(together[k].M.num_intervals, alone[k].M.num_intervals) << k;
+        for (size_t i = 0; i < 2 * alone[k].M.num_intervals; ++i)
+            EXPECT_EQ(together[k].M.intervals[i], alone[k].M.intervals[i]);
+        for (size_t i = 0; i < 5 * alone[k].M.num_moments; ++i) {
+            const double a = alone[k].M.moments[i], b = together[k].M.moments[i];
+            EXPECT_TRUE(a == b || (std::isnan(a) && std::isnan(b))) << k << " " << i;
+        }
+    }
 }
 
 TEST(Discretize, EqualFrequencyBins) {
