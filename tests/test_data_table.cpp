@@ -239,6 +239,19 @@ TEST(CategoricalTable, FillRBMLayerAllWidthsAgree) {
     EXPECT_EQ(r8, (std::vector<size_t>{0, 1, 0, 2, 1, 0, 2, 0}));
 }
 
+TEST(CategoricalTable, FillRBMLayerComparesMissingCellsAsCode65535) {
+    // Rows: (?, 0), (?, 1), (0, 1). Centres h0 = row 2, h1 = row 1.
+    auto D = csv("a,b\nq,q\n?,0\n?,1\n0,1\n");
+    D->addColumns(1, 2);
+    const unsigned char sel[2] = {2, 1};
+    D->fillRBMLayer<unsigned char>(0, 2, 1, 2, sel);
+    // Row 0: 2 from h0 (n0, never chosen), 1 from h1: a missing cell equals a missing cell.
+    EXPECT_EQ(D->get(0, 2), 1u);
+    // Row 1 is h1 itself; row 2 is h0 itself, 1 from h1 (missing against 0).
+    EXPECT_EQ(D->get(1, 2), 1u);
+    EXPECT_EQ(D->get(2, 2), 0u);
+}
+
 TEST(CategoricalTable, FillRBMLayerHonoursOffset) {
     // Columns 0 (ignored), 1-2 visible for the layer, hidden column at 3.
     auto D = csv("a,b,c\nq,q,q\n5,0,0\n6,1,1\n");
