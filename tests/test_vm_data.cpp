@@ -1,5 +1,6 @@
 // Programs that load, store and release data tables.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
@@ -8,6 +9,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <sstream>
 
@@ -58,32 +60,16 @@ std::vector<std::string> splitLines(const std::string& text) {
 
 const char* kSmall = "a,b,c\nskip,skip,skip\nx,p,?\ny,p,u\nx,q,v\n";
 
-// A graph that only knows its vertex count: what the loader asks of a model.
-class Vertices : public QZ::AbstractGraph<unsigned long> {
-public:
-    explicit Vertices(unsigned long n) : n_(n) {}
-    unsigned long vertices() const override { return n_; }
-    unsigned long edges() const override { return 0; }
-    unsigned long num_neighbors(const unsigned long&) const override { return 0; }
-    void edge(const unsigned long&, unsigned long& v, unsigned long& u) const override { v = u = 0; }
-    unsigned long in_edge(const unsigned long&, const unsigned long&) const override { return 0; }
-    void store(const std::string&) const override {}
-    void store(std::ostream&) const override {}
-    size_t mem() const override { return 0; }
-
-private:
-    unsigned long n_;
-};
-
 // A model container in MPT for the default IDX UINT64, VAL FLT64, owned by the test.
 struct Model {
     QZ::IO<unsigned long, double>* io;
-    Vertices G;
+    std::unique_ptr<QZ::Graph<unsigned long>> G;  // vertices only: all the loader asks of a model's graph
     std::vector<unsigned long> Y;
     void* ctx;
-    Model(void* c, std::vector<unsigned long> states) : io(new QZ::IO<unsigned long, double>()), G(states.size()),
-                                                         Y(states), ctx(c) {
-        io->G = &G;
+    Model(void* c, std::vector<unsigned long> states)
+        : io(new QZ::IO<unsigned long, double>()), G(makeGraph<unsigned long>(states.size(), {})), Y(states),
+          ctx(c) {
+        io->G = G.get();
         io->Y = Y.data();
         io->is_external = true;
         wreg(ctx, "MPT", (size_t)io);
@@ -323,6 +309,30 @@ TEST(VmData, FailuresAreLogicErrors) {
     EXPECT_THROW(runLines(ctx, {"LDX DPT;"}), std::logic_error);
 }
 
+TEST(VmData, ReaderFailurePassesThroughAndLoadsNothing) {
+    // An empty cell ends the text reader with the string's range error.
+    const std::string f = tmpPath("vmd_empty_cell.csv");
+    writeFile(f, "a,b\nskip,skip\nx,y\nx,,y\n");
+    Ctx ctx;
+    ASSERT_TRUE(wreg(ctx, "NXX", 0));
+    EXPECT_THROW(runLines(ctx, {dfn(f), "LDX DPT;"}), std::out_of_range);
+    EXPECT_EQ(reg(ctx, "DPT"), 0u);
+    EXPECT_EQ(reg(ctx, "NXX"), 0u);
+    EXPECT_EQ(reg(ctx, "RES"), 0u);
+}
+
+TEST(VmData, SharedStatesFileWithoutDataLinesLoadsAnEmptyTable) {
+    const std::string f = tmpPath("vmd_shared_empty.csv");
+    const std::string text = "a,b\nskip,skip\n";
+    writeFile(f, text);
+    Ctx ctx;
+    ASSERT_TRUE(runLines(ctx, {dfn(f), "YYC true", "LDX DPT;"}));
+    EXPECT_EQ(reg(ctx, "NXX"), 0u);
+    ASSERT_NE(reg(ctx, "DPT"), 0u);
+    EXPECT_EQ(table(ctx)->columns(), 0u);
+    EXPECT_EQ(reg(ctx, "RES"), text.size());
+}
+
 TEST(VmData, StoreWithoutTable) {
     Ctx ctx;
     EXPECT_EQ(failure(ctx, {dfn(tmpPath("vmd_x.csv")), "STORE DPT;"}), "no data loaded");
@@ -422,6 +432,75 @@ TEST(VmData, SecondLoadAbandonsTheFirstAndCountsAnew) {
     EXPECT_EQ(table(ctx)->columns(), 1u);
 }
 
+// ---------------------------------------------------------------- dry pass
+
+TEST(VmDataDryPass, LoadHoldsTheSentinelAndCountsOneRow) {
+    const std::string f = tmpPath("vmd_dry.csv");
+    writeFile(f, kSmall);
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{dfn(f), "LDX DPT;"});
+    vm.parse(true);
+    EXPECT_EQ(vm.getP(QZ::vm_t::DPT), (void*)1);
+    EXPECT_EQ(vm.get(QZ::vm_t::NNN), 1u);  // the sentinel answers for the rows
+    // Releasing the sentinel deletes nothing and clears the register.
+    vm.freeData();
+    EXPECT_EQ(vm.getP(QZ::vm_t::DPT), nullptr);
+    EXPECT_EQ(vm.get(QZ::vm_t::NNN), 0u);
+}
+
+TEST(VmDataDryPass, ChecksStillRun) {
+    const std::string f = tmpPath("vmd_dry_absent.csv");
+    std::remove(f.c_str());
+    {
+        QZ::vm_t vm;
+        vm.setCode(new std::vector<std::string>{dfn(f), "LDX DPT;"});
+        try {
+            vm.parse(true);
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_EQ(std::string(e.what()), "file " + f + " does not exist");
+        }
+        EXPECT_EQ(vm.getP(QZ::vm_t::DPT), nullptr);
+    }
+    {
+        QZ::vm_t vm;
+        vm.setCode(new std::vector<std::string>{"LDX DPT;"});
+        try {
+            vm.parse(true);
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_EQ(std::string(e.what()), "9 requires a data filename");
+        }
+    }
+    {
+        // STORE DPT checks the file as in a real run.
+        const std::string in = tmpPath("vmd_dry_in.csv");
+        writeFile(in, kSmall);
+        QZ::vm_t vm;
+        vm.setCode(new std::vector<std::string>{dfn(in), "LDX DPT;", "STORE DPT;"});
+        try {
+            vm.parse(true);
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_EQ(std::string(e.what()), "overwrite disabled but modelfile exists");
+        }
+    }
+}
+
+TEST(VmDataDryPass, StoreWritesNothingAndReleaseClears) {
+    const std::string in = tmpPath("vmd_dry_store_in.csv"), out = tmpPath("vmd_dry_store_out.csv");
+    writeFile(in, kSmall);
+    std::remove(out.c_str());
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{dfn(in), "LDX DPT;", "DEL DFN;", dfn(out), "STORE DPT;"});
+    vm.parse(true);
+    EXPECT_FALSE(QZ::file_exists(out));
+    EXPECT_EQ(vm.getP(QZ::vm_t::DPT), (void*)1);
+    vm.setCode(new std::vector<std::string>{"DEL DPT;"});
+    vm.parse(true);
+    EXPECT_EQ(vm.getP(QZ::vm_t::DPT), nullptr);
+}
+
 // ---------------------------------------------------------------- with a model
 
 TEST(VmData, ModelNamesFixTheCoding) {
@@ -479,6 +558,24 @@ TEST(VmData, BoltzmannModelAddsHiddenColumns) {
     EXPECT_EQ(D->categories(3), 4u);
     EXPECT_EQ(D->columnName(3), "H1");
     EXPECT_EQ(D->get(0, 1), 1u);
+}
+
+TEST(VmData, DeepBoltzmannTreeAddsHiddenColumnsToo) {
+    // Layers 1 | 2 | 2 | 1: the middle layers (4 units) are added, each with
+    // the states of the first hidden vertex, vertex 1.
+    std::string text = "a,b\nskip,skip\nY1,Y0\n";
+    Ctx ctx;
+    Model m(ctx, {2, 3, 3, 3, 3, 2});
+    wreg(ctx, "LPT", (size_t) new std::vector<size_t>{1, 2, 2, 1});
+    wreg(ctx, "EDP", (size_t)&text);
+    ASSERT_TRUE(runLines(ctx, {"GRA DBT", "LDX DPT;"}));
+    CategoricalData* D = table(ctx);
+    ASSERT_EQ(D->columns(), 6u);
+    EXPECT_EQ(D->H, 4u);
+    EXPECT_EQ(D->categories(2), 3u);
+    EXPECT_EQ(D->columnName(5), "H4");
+    EXPECT_EQ(D->get(0, 0), 1u);
+    EXPECT_EQ(D->get(0, 5), 65535u);
 }
 
 TEST(VmData, OtherGraphKindsAddNoColumns) {
