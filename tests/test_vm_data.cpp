@@ -408,6 +408,17 @@ TEST(VmData, InvalidTypePairLoadsNothing) {
     EXPECT_EQ(reg(ctx, "RES"), 0u);
 }
 
+TEST(VmData, ReleaseIgnoresTheTypePair) {
+    const std::string f = tmpPath("vmd_pair_del.csv");
+    writeFile(f, kSmall);
+    Ctx ctx;
+    ASSERT_TRUE(runLines(ctx, {dfn(f), "LDX DPT;"}));
+    ASSERT_NE(reg(ctx, "DPT"), 0u);
+    // A table is no template: with a pair that names no instantiation it is still freed.
+    ASSERT_TRUE(runLines(ctx, {"idx_t UINT32", "val_t UINT8", "DEL DPT;"}));
+    EXPECT_EQ(reg(ctx, "DPT"), 0u);
+}
+
 TEST(VmData, EveryValidTypePairLoads) {
     const std::string f = tmpPath("vmd_pairs.csv");
     writeFile(f, kSmall);
