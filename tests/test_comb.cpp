@@ -108,9 +108,21 @@ TEST(Comb, BinomSaturatesAnIntegerValueType) {
     EXPECT_LT((binom<unsigned char, unsigned char>(20, 10)), 256);
 }
 
-TEST(Comb, BinomInFloatRoundsLikeFloat) {
-    EXPECT_EQ((binom<unsigned, float>(10, 3)), 120.0f);
-    EXPECT_NEAR((binom<unsigned, float>(30, 15)), 155117520.0f, 200.0f);
+TEST(Comb, BinomInFloatIsTheExactCoefficientRoundedToFloat) {
+    // The logarithms add up in double and only the result becomes a float:
+    // C(21, 10) = 352716 must not come out as 352717.
+    EXPECT_EQ((binom<unsigned, float>(21, 10)), 352716.0f);
+    EXPECT_EQ((binom<unsigned, float>(24, 12)), 2704156.0f);
+    EXPECT_EQ((binom<unsigned, float>(30, 15)), 155117520.0f);
+    std::vector<std::vector<double>> P(49);
+    for (unsigned n = 0; n < 49; ++n) {
+        P[n].assign(n + 1, 1.0);
+        for (unsigned k = 1; k < n; ++k) P[n][k] = P[n - 1][k - 1] + P[n - 1][k];
+        for (unsigned k = 0; k <= n; ++k) {
+            ASSERT_EQ((binom<unsigned, float>(n, k)), (float)P[n][k]) << n << " " << k;
+            ASSERT_EQ((binom<unsigned char, float>((unsigned char)n, (unsigned char)k)), (float)P[n][k]) << n << " " << k;
+        }
+    }
 }
 
 // ---- stirling2 ----
@@ -141,6 +153,36 @@ TEST(Comb, Stirling2WithIntegerValueTypeInheritsTheCoarseBinomial) {
     EXPECT_EQ((stirling2<unsigned, unsigned>(5, 3)), 25u);
     EXPECT_EQ((stirling2<unsigned, unsigned>(6, 3)), 90u);
     EXPECT_EQ((stirling2<unsigned char, unsigned char>(9, 2)), 255);
+    // k = 2 saturates rather than wrapping.
+    EXPECT_EQ((stirling2<unsigned char, unsigned char>(12, 2)), 255);
+}
+
+TEST(Comb, Stirling2WithIntegerValueTypeSumsModuloItsWidth) {
+    // S(n, 3) = (3^n - 3 * 2^n + 3) / 6 whenever 6 S(n, 3) fits the type, the
+    // negative partial sum 3 - 3 * 2^n included. From n = 5 on: S(4, 3) is
+    // taken from the coarse binom(4, 2).
+    for (unsigned n = 5; n <= 33; ++n) {
+        const unsigned long long s = ((unsigned long long)std::pow(3.0, n) - 3ULL * (1ULL << n) + 3ULL) / 6;
+        ASSERT_EQ((stirling2<unsigned long, unsigned long>(n, 3)), s) << n;
+        if (6 * s <= 0xFFFFFFFFULL) ASSERT_EQ((stirling2<unsigned, unsigned>(n, 3)), s) << n;
+        if (6 * s <= 0xFFFFULL) ASSERT_EQ((stirling2<unsigned short, unsigned short>(n, 3)), s) << n;
+        if (6 * s <= 0xFFULL) ASSERT_EQ((stirling2<unsigned char, unsigned char>(n, 3)), s) << n;
+    }
+    // 6 S(6, 3) = 540 is 28 modulo 256, and 28 / 6 is 4.
+    EXPECT_EQ((stirling2<unsigned char, unsigned char>(6, 3)), 4);
+    // The coarse coefficients make the sum of S(8, 6) -223279; an unsigned
+    // sum holds it modulo 2^32 and the check on its sign cannot fail.
+    EXPECT_EQ((stirling2<unsigned, unsigned>(8, 6)), (unsigned)((4294967296ULL - 223279ULL) / 720ULL));
+    // 10! holds eight factors 2 and is 0 in eight bits: the quotient
+    // saturates instead of dividing by zero.
+    EXPECT_EQ((factorial<unsigned char, unsigned char>(10)), 0);
+    EXPECT_EQ((stirling2<unsigned char, unsigned char>(12, 10)), 255);
+}
+
+TEST(Comb, Stirling2InFloatSumsInFloat) {
+    EXPECT_EQ((stirling2<unsigned, float>(4, 2)), 7.0f);
+    EXPECT_EQ((stirling2<unsigned, float>(10, 4)), 34105.0f);
+    EXPECT_EQ((stirling2<unsigned char, float>(12, 5)), 1379400.0f);
 }
 
 // ---- comb ----
