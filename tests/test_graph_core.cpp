@@ -1,6 +1,7 @@
 // The edge-list graph: construction from a dense matrix, from a list in place
 // and from the binary form, the incidence index, and the adjacency text reader.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZGRAPH>
@@ -8,39 +9,19 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <vector>
 
 using namespace QZ;
+using qztest::edgeList;
+using qztest::incidence;
 using qztest::tmpPath;
 using qztest::writeFile;
 
 namespace {
 
-template <typename idx_t> std::vector<std::pair<size_t, size_t>> edgeList(const AbstractGraph<idx_t>& G) {
-    std::vector<std::pair<size_t, size_t>> r;
-    for (size_t e = 0; e < (size_t)G.edges(); ++e) {
-        idx_t v, u;
-        G.edge((idx_t)e, v, u);
-        r.push_back({(size_t)v, (size_t)u});
-    }
-    return r;
-}
-
-template <typename idx_t> std::vector<size_t> incidence(const AbstractGraph<idx_t>& G, idx_t v) {
-    std::vector<size_t> r;
-    for (size_t i = 0; i < (size_t)G.num_neighbors(v); ++i) r.push_back((size_t)G.in_edge(v, (idx_t)i));
-    return r;
-}
-
-// A list of heap edges from the C allocator, as the graph expects to own it.
-template <typename idx_t> idx_t* cList(const std::vector<size_t>& flat) {
-    idx_t* a = (idx_t*)std::malloc(flat.size() * sizeof(idx_t) + 1);
-    for (size_t i = 0; i < flat.size(); ++i) a[i] = (idx_t)flat[i];
-    return a;
-}
-
-typedef std::vector<std::pair<size_t, size_t>> EL;
+typedef qztest::EdgeList EL;
 
 }  // namespace
 
@@ -69,14 +50,16 @@ TYPED_TEST(GraphCoreTyped, DenseMatrixReadsOnlyAboveTheDiagonal) {
 
 TYPED_TEST(GraphCoreTyped, TypeCodeOfTheIndexWidth) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({0, 1}), 2, 1);
+    auto Gp = qztest::makeGraph<idx_t>(2, {{0, 1}});
+    Graph<idx_t>& G = *Gp;
     const uint8_t expected = sizeof(idx_t) == 1 ? 0 : sizeof(idx_t) == 2 ? 1 : sizeof(idx_t) == 4 ? 2 : 3;
     EXPECT_EQ(G.itype, expected);
 }
 
 TYPED_TEST(GraphCoreTyped, DegreeOfTheLastVertexComesFromTheEdgeCount) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({0, 3, 1, 3, 2, 3, 0, 1}), 4, 4);
+    auto Gp = qztest::makeGraph<idx_t>(4, {{0, 3}, {1, 3}, {2, 3}, {0, 1}});
+    Graph<idx_t>& G = *Gp;
     // voff of the last vertex is 5, and there is no voff[4]: 2*4 - 5 = 3.
     EXPECT_EQ((size_t)G.getvoff()[3], 5u);
     EXPECT_EQ((size_t)G.num_neighbors(3), 3u);
@@ -88,7 +71,8 @@ TYPED_TEST(GraphCoreTyped, DegreeOfTheLastVertexComesFromTheEdgeCount) {
 TYPED_TEST(GraphCoreTyped, IsolatedVertexHasAnEmptyRun) {
     typedef TypeParam idx_t;
     // Vertex 1 in the middle and vertex 3 at the end are isolated.
-    Graph<idx_t> G(true, cList<idx_t>({2, 0, 0, 4, 2, 4}), 5, 3);
+    auto Gp = qztest::makeGraph<idx_t>(5, {{2, 0}, {0, 4}, {2, 4}});
+    Graph<idx_t>& G = *Gp;
     EXPECT_EQ((size_t)G.num_neighbors(1), 0u);
     EXPECT_EQ(G.getvoff()[1], G.getvoff()[2]);
     EXPECT_EQ((size_t)G.num_neighbors(3), 0u);
@@ -102,7 +86,8 @@ TYPED_TEST(GraphCoreTyped, IsolatedVertexHasAnEmptyRun) {
 
 TYPED_TEST(GraphCoreTyped, OrientationIsKeptAndSelfLoopCountsTwice) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({2, 0, 1, 1, 1, 0}), 3, 3);
+    auto Gp = qztest::makeGraph<idx_t>(3, {{2, 0}, {1, 1}, {1, 0}});
+    Graph<idx_t>& G = *Gp;
     EXPECT_EQ(edgeList(G), (EL{{2, 0}, {1, 1}, {1, 0}}));
     EXPECT_EQ(incidence<idx_t>(G, 1), (std::vector<size_t>{1, 1, 2}));
     EXPECT_EQ(incidence<idx_t>(G, 0), (std::vector<size_t>{0, 2}));
@@ -110,13 +95,15 @@ TYPED_TEST(GraphCoreTyped, OrientationIsKeptAndSelfLoopCountsTwice) {
 
 TYPED_TEST(GraphCoreTyped, MemoryFigure) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({0, 1, 1, 2}), 5, 2);
+    auto Gp = qztest::makeGraph<idx_t>(5, {{0, 1}, {1, 2}});
+    Graph<idx_t>& G = *Gp;
     EXPECT_EQ(G.mem(), (4 * 2 + 5 + 3) * sizeof(idx_t));
 }
 
 TYPED_TEST(GraphCoreTyped, StoreAndStreamConstructorRoundTrip) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({3, 0, 1, 2, 0, 1, 2, 3}), 4, 4);
+    auto Gp = qztest::makeGraph<idx_t>(4, {{3, 0}, {1, 2}, {0, 1}, {2, 3}});
+    Graph<idx_t>& G = *Gp;
     const std::string f = tmpPath(std::string("graph_roundtrip_") + std::to_string(sizeof(idx_t)));
     G.store(f);
 
@@ -125,10 +112,7 @@ TYPED_TEST(GraphCoreTyped, StoreAndStreamConstructorRoundTrip) {
     ASSERT_EQ(bytes.size(), (2 + 8) * sizeof(idx_t));
     idx_t head[10];
     std::memcpy(head, bytes.data(), bytes.size());
-    EXPECT_EQ((size_t)head[0], 4u);
-    EXPECT_EQ((size_t)head[1], 4u);
-    EXPECT_EQ((size_t)head[2], 3u);
-    EXPECT_EQ((size_t)head[3], 0u);
+    EXPECT_EQ(std::vector<size_t>(head, head + 10), (std::vector<size_t>{4, 4, 3, 0, 1, 2, 0, 1, 2, 3}));
 
     std::ifstream in(f, std::ios::binary);
     Graph<idx_t> H(in, true);
@@ -141,7 +125,8 @@ TYPED_TEST(GraphCoreTyped, StoreAndStreamConstructorRoundTrip) {
 
 TYPED_TEST(GraphCoreTyped, StreamConstructorLeavesTheStreamBehindTheList) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({0, 1}), 2, 1);
+    auto Gp = qztest::makeGraph<idx_t>(2, {{0, 1}});
+    Graph<idx_t>& G = *Gp;
     const std::string f = tmpPath(std::string("graph_trailing_") + std::to_string(sizeof(idx_t)));
     {
         std::ofstream out(f, std::ios::binary | std::ios::trunc);
@@ -183,7 +168,8 @@ TYPED_TEST(GraphCoreTyped, BorrowedListIsUsedInPlace) {
 
 TYPED_TEST(GraphCoreTyped, ResetForgetsArraysWithoutFreeing) {
     typedef TypeParam idx_t;
-    Graph<idx_t> G(true, cList<idx_t>({0, 1}), 2, 1);
+    auto Gp = qztest::makeGraph<idx_t>(2, {{0, 1}});
+    Graph<idx_t>& G = *Gp;
     idx_t *A = G.getA(), *Nv = G.getNv(), *voff = G.getvoff();
     G.reset();
     EXPECT_EQ(G.getA(), nullptr);
@@ -281,6 +267,33 @@ TEST(AdjEightBit, SameFileInSixteenBitsHasNoEdge) {
     EXPECT_EQ(r.m, 0u);
 }
 
+TYPED_TEST(AdjNumeric, LastLineWithoutANewlineIsRead) {
+    const Adj r = readAdj<TypeParam>("0,1,1\n1,0,1\n1,1,0");
+    EXPECT_EQ(r.n, 3u);
+    EXPECT_EQ(r.edges, (EL{{0, 1}, {0, 2}, {1, 2}}));
+}
+
+TYPED_TEST(AdjNumeric, NonZeroValuesOtherThanOneAreEdges) {
+    // Values other than 1 count as edges; the dense result holds 1.
+    const Adj r = readAdj<TypeParam>("0,3,0,0\n3,0,0,2\n0,0,0,0\n0,2,0,0\n");
+    EXPECT_EQ(r.n, 4u);
+    EXPECT_EQ(r.m, 2u);
+    EXPECT_EQ(r.dense, (std::vector<size_t>{0, 1, 0, 0, 1, 0, 0, 1, 0, 0, 0, 0, 0, 1, 0, 0}));
+    EXPECT_EQ(r.edges, (EL{{0, 1}, {1, 3}}));
+}
+
+TEST(AdjStream, AStreamThatNeverOpenedEndsTheReadAtOnce) {
+    // Neither at its end nor readable: the reader stops instead of looping.
+    std::ifstream in(tmpPath("adj_no_such_file_at_all.csv") + "/x");
+    ASSERT_FALSE(in.is_open());
+    unsigned int* A = nullptr;
+    unsigned int n = 0, m = 7;
+    adjFromCSV<unsigned int>(in, A, n, m, ',');
+    EXPECT_EQ(n, 0u);
+    EXPECT_EQ(m, 0u);
+    delete[] A;
+}
+
 TEST(AdjRows, RowCountIsNotComparedWithTheColumnCount) {
     const Adj r = readAdj<unsigned int>("0,1\n1,0\n0,0\n");
     EXPECT_EQ(r.n, 2u);
@@ -295,7 +308,8 @@ TEST(GraphCoreEmpty, NoVerticesNoEdges) {
 }
 
 TEST(GraphCoreStore, StoreThroughTheInterfaceWritesTheSameBytes) {
-    Graph<unsigned short> G(true, cList<unsigned short>({1, 2, 0, 2}), 3, 2);
+    auto Gp = qztest::makeGraph<unsigned short>(3, {{1, 2}, {0, 2}});
+    Graph<unsigned short>& G = *Gp;
     const AbstractGraph<unsigned short>& I = G;
     std::stringstream a, b;
     I.store(a);
