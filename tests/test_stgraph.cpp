@@ -2,11 +2,13 @@
 // incidence computed on the fly, times of edges and their swapping, and the
 // single-precision reciprocal that the numbering goes through.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZGRAPH>
 
 #include <algorithm>
+#include <utility>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -15,23 +17,9 @@ using namespace QZ;
 
 namespace {
 
-typedef std::vector<std::pair<size_t, size_t>> EL;
-
-template <typename idx_t> EL edgeList(const AbstractGraph<idx_t>& G) {
-    EL r;
-    for (size_t e = 0; e < (size_t)G.edges(); ++e) {
-        idx_t v, u;
-        G.edge((idx_t)e, v, u);
-        r.push_back({(size_t)v, (size_t)u});
-    }
-    return r;
-}
-
-template <typename idx_t> std::vector<size_t> incidence(const AbstractGraph<idx_t>& G, size_t v) {
-    std::vector<size_t> r;
-    for (size_t i = 0; i < (size_t)G.num_neighbors((idx_t)v); ++i) r.push_back((size_t)G.in_edge((idx_t)v, (idx_t)i));
-    return r;
-}
+typedef qztest::EdgeList EL;
+using qztest::edgeList;
+using qztest::incidence;
 
 // A path 0 - 1 - ... - m whose edge b is (b, b+1), of any size without
 // memory: enough for the numbering at large edge numbers.
@@ -216,12 +204,79 @@ TYPED_TEST(STGraphTyped, IncidenceMatchesAScanOfTheEdgeList) {
                 std::vector<size_t> scan;
                 for (size_t e = 0; e < el.size(); ++e)
                     if (el[e].first == v || el[e].second == v) scan.push_back(e);
-                std::vector<size_t> got = incidence<idx_t>(G, v);
+                std::vector<size_t> got = incidence<idx_t>(G, (idx_t)v);
                 std::sort(got.begin(), got.end());
                 EXPECT_EQ(got, scan) << "T " << (size_t)T << " vertex " << v;
             }
         }
     }
+}
+
+// The order of a vertex's incidences, found from the edge list alone: spatial
+// edges, diagonals to the slice before, diagonals to the slice after, the
+// temporal edge forward, the temporal edge back; within a group of edges of
+// one base edge, the order of that base edge at the base vertex.
+TYPED_TEST(STGraphTyped, IncidenceOrderFollowsTheGroups) {
+    typedef TypeParam idx_t;
+    Grid<idx_t> grid(3);
+    Star<idx_t> star(4, 2);
+    auto mixed = qztest::makeGraph<idx_t>(5, {{1, 0}, {3, 1}, {2, 3}, {0, 2}, {4, 2}});
+    const AbstractGraph<idx_t>* bases[3] = {&grid, &star, mixed.get()};
+    for (const AbstractGraph<idx_t>* b : bases) {
+        const size_t n = b->vertices();
+        for (idx_t T : {(idx_t)2, (idx_t)3, (idx_t)5}) {
+            STGraph<idx_t> G(const_cast<AbstractGraph<idx_t>*>(b), T);
+            const EL el = edgeList(G);
+            for (size_t v = 0; v < (size_t)G.vertices(); ++v) {
+                const size_t s = v % n, t = v / n;
+                std::vector<std::pair<std::pair<int, size_t>, size_t>> keyed;
+                for (size_t e = 0; e < el.size(); ++e) {
+                    if (el[e].first != v && el[e].second != v) continue;
+                    const size_t other = el[e].first == v ? el[e].second : el[e].first;
+                    const size_t so = other % n, to = other / n;
+                    int group;
+                    if (so == s)
+                        group = to == t + 1 ? 3 : 4;
+                    else
+                        group = to == t ? 0 : (to + 1 == t ? 1 : 2);
+                    size_t pos = 0;
+                    if (group < 3) {
+                        // Place of the base edge {s, so} in the base incidence of s.
+                        const std::vector<size_t> inc = incidence<idx_t>(*b, (idx_t)s);
+                        const EL bel = edgeList(*b);
+                        while (pos < inc.size() &&
+                               !((bel[inc[pos]].first == s && bel[inc[pos]].second == so) ||
+                                 (bel[inc[pos]].first == so && bel[inc[pos]].second == s)))
+                            ++pos;
+                        ASSERT_LT(pos, inc.size());
+                    }
+                    keyed.push_back({{group, pos}, e});
+                }
+                std::sort(keyed.begin(), keyed.end());
+                std::vector<size_t> expect;
+                for (const auto& k : keyed) expect.push_back(k.second);
+                EXPECT_EQ(incidence<idx_t>(G, (idx_t)v), expect) << "T " << (size_t)T << " vertex " << v;
+            }
+        }
+    }
+}
+
+// Past the degree: all ones, except where the rule for the temporal edges
+// names an index that lies beyond the degree of a first-slice vertex.
+TYPED_TEST(STGraphTyped, IncidencePastTheDegreeOfTheFirstSlice) {
+    typedef TypeParam idx_t;
+    Star<idx_t> base(3, 0);  // (1,0), (2,0): vertex 0 has degree 2
+    STGraph<idx_t> G(&base, 3);
+    const idx_t none = (idx_t)~(idx_t)0;
+    // Vertex 0 at time 0: degree 2*2 + 1 = 5.
+    ASSERT_EQ((size_t)G.num_neighbors(0), 5u);
+    EXPECT_EQ(G.in_edge(0, 5), none);     // between 2d and 3d
+    EXPECT_EQ((size_t)G.in_edge(0, 6), 0u);  // 3d: the forward temporal edge again
+    EXPECT_EQ(G.in_edge(0, 7), none);     // 3d+1: (T-1)*0 + 0 - 1 wraps
+    // Vertex 1 at time 0, degree 1: 3d = 3 and 3d+1 = 4.
+    EXPECT_EQ((size_t)G.in_edge(1, 3), 2u);
+    EXPECT_EQ((size_t)G.in_edge(1, 4), 1u);
+    EXPECT_EQ(G.in_edge(1, 5), none);
 }
 
 TYPED_TEST(STGraphTyped, BaseGraphIsBorrowed) {
