@@ -1,6 +1,7 @@
 // The standard graph families: vertex numbering and edge order, which fix the
 // layout of every model's weights, and their incidence index.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZGRAPH>
@@ -15,17 +16,8 @@ using namespace QZ;
 
 namespace {
 
-typedef std::vector<std::pair<size_t, size_t>> EL;
-
-template <typename idx_t> EL edgeList(const AbstractGraph<idx_t>& G) {
-    EL r;
-    for (size_t e = 0; e < (size_t)G.edges(); ++e) {
-        idx_t v, u;
-        G.edge((idx_t)e, v, u);
-        r.push_back({(size_t)v, (size_t)u});
-    }
-    return r;
-}
+typedef qztest::EdgeList EL;
+using qztest::edgeList;
 
 // Every vertex's incidence run equals a scan of the edge list for that vertex,
 // edge numbers ascending.

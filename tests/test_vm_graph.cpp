@@ -1,6 +1,7 @@
 // Graphs loaded through programs: the graph kinds of GRA, the file and host
 // list forms, their failures, release, and the computed registers GVX and GEX.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZGRAPH>
@@ -18,22 +19,13 @@ using QZ::Graph;
 
 namespace {
 
-typedef std::vector<std::pair<size_t, size_t>> EL;
+typedef EdgeList EL;
 
 template <typename idx_t = unsigned long> const AbstractGraph<idx_t>* graphOf(void* ctx) {
     return reinterpret_cast<const AbstractGraph<idx_t>*>(reg(ctx, "GPT"));
 }
 
-template <typename idx_t = unsigned long> EL edgesOf(void* ctx) {
-    const AbstractGraph<idx_t>* G = graphOf<idx_t>(ctx);
-    EL r;
-    for (size_t e = 0; e < (size_t)G->edges(); ++e) {
-        idx_t v, u;
-        G->edge((idx_t)e, v, u);
-        r.push_back({(size_t)v, (size_t)u});
-    }
-    return r;
-}
+template <typename idx_t = unsigned long> EL edgesOf(void* ctx) { return edgeList(*graphOf<idx_t>(ctx)); }
 
 // The message of the exception of type E that the program raises after
 // setup; a fresh context each time, since a failed run leaves its context
@@ -203,6 +195,32 @@ TEST(VmGraph, HostEdgeListInThirtyTwoBits) {
     EXPECT_EQ(edgesOf<unsigned int>(ctx), (EL{{1, 0}, {2, 1}}));
 }
 
+TEST(VmGraph, EightBitAdjacencyTextMakesAnEdgeOfEveryCellAboveTheDiagonal) {
+    // One character per cell in this width: "0" is not zero.
+    const std::string f = tmpPath("vm_graph_adj_eight.csv");
+    writeFile(f, "0,0,0\n0,0,0\n0,0,0\n");
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT8", "val_t FLT64", "GFN '" + f + "'", "LDX GPT;"});
+    EXPECT_EQ(reg(ctx, "GVX"), 3u);
+    EXPECT_EQ(reg(ctx, "GEX"), 3u);
+    EXPECT_EQ(edgesOf<unsigned char>(ctx), (EL{{0, 1}, {0, 2}, {1, 2}}));
+}
+
+TEST(VmGraph, HostEdgeListWinsOverAFileName) {
+    // With EAP set the file is neither checked nor read.
+    std::vector<unsigned long> el = {1, 0};
+    Ctx ctx;
+    wreg(ctx, "EAP", (size_t)el.data());
+    runLines(ctx, {"GFN '" + tmpPath("vm_graph_never_written.csv") + "'", "GVX 2", "GEX 1", "LDX GPT;"});
+    EXPECT_EQ(edgesOf(ctx), (EL{{1, 0}}));
+}
+
+TEST(VmGraph, FileNameIsNotCheckedForOtherKinds) {
+    Ctx ctx;
+    runLines(ctx, {"GFN '" + tmpPath("vm_graph_never_written.csv") + "'", "GRA CHAIN", "GVX 3", "LDX GPT;"});
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {1, 2}}));
+}
+
 // ------------------------------------------------------------ failures
 
 TEST(VmGraphFailures, FileKindWithoutFileOrListNeedsAFile) {
@@ -219,6 +237,22 @@ TEST(VmGraphFailures, TemporalRBMIsNotSupported) {
     EXPECT_EQ(failure<std::out_of_range>({"GRA RBM", "TXX 2", "LDX GPT;"},
                                          [](void* ctx) { wreg(ctx, "LPT", (size_t) new std::vector<size_t>{2, 3}); }),
               "Temporal RBM is not supported");
+}
+
+TEST(VmGraphFailures, TemporalRBMIsRefusedBeforeTheLayersAreLookedAt) {
+    EXPECT_EQ(failure<std::out_of_range>({"GRA RBM", "TXX 3", "LDX GPT;"}), "Temporal RBM is not supported");
+}
+
+TEST(VmGraphFailures, DryPassChecksTheFileKindToo) {
+    QZ::vm_t vm;
+    vm.setCode(new std::vector<std::string>{"GRA FILE", "LDX GPT;"});
+    try {
+        vm.parse(true);
+        FAIL() << "no exception";
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "9 requires an adjacency matrix file");
+    }
+    EXPECT_EQ(vm.getP(QZ::vm_t::GPT), nullptr);
 }
 
 TEST(VmGraphFailures, RBMWithoutLayers) {
@@ -256,9 +290,18 @@ TEST(VmGraphFailures, DerivedKindsGiveNoGraph) {
 
 TEST(VmGraphFailures, NoInstantiationLeavesTheGraphNullSilently) {
     Ctx ctx;
+    // A model is there; with no instantiation it is neither given a graph
+    // nor asked for its dimension.
+    QZ::IO<unsigned long, double>* io = new QZ::IO<unsigned long, double>();
+    io->dim = 77;
+    wreg(ctx, "MPT", (size_t)io);
     runLines(ctx, {"idx_t UINT16", "val_t UINT32", "GRA CHAIN", "GVX 5", "LDX GPT;"});
     EXPECT_EQ(reg(ctx, "GPT"), 0u);
     EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    EXPECT_EQ(reg(ctx, "DIM"), 0u);
+    EXPECT_EQ(io->G, nullptr);
+    wreg(ctx, "MPT", 0);
+    delete io;
     // The same index type with a matching integer value type works.
     runLines(ctx, {"val_t UINT16", "LDX GPT;"});
     EXPECT_NE(reg(ctx, "GPT"), 0u);
@@ -272,6 +315,14 @@ TEST(VmGraphFailures, ReleaseWithAnUnknownIndexType) {
                                             wreg(ctx, "IDX", 9);
                                         }),
               "unsupported storage type");
+}
+
+TEST(VmGraphFailures, ReleaseOfNoGraphNeedsNoIndexType) {
+    // Nothing to delete, so nothing to dispatch on: the register is cleared.
+    Ctx ctx;
+    wreg(ctx, "IDX", 9);
+    runLines(ctx, {"DEL GPT;"});
+    EXPECT_EQ(reg(ctx, "GPT"), 0u);
 }
 
 // ------------------------------------------------------------ dispatch
@@ -326,6 +377,17 @@ TEST(VmGraphRegisters, VertexCountIsTruncatedToTheIndexWidth) {
     // 300 does not fit into 8 bits: the chain has 44 vertices.
     EXPECT_EQ(reg(ctx, "GVX"), 44u);
     EXPECT_EQ(reg(ctx, "GEX"), 43u);
+}
+
+TEST(VmGraphRegisters, ModelPlaceholderAnswersOneBeforeTheGraph) {
+    Ctx ctx;
+    runLines(ctx, {"GRA CHAIN", "GVX 5", "LDX GPT;"});
+    wreg(ctx, "MPT", 1);
+    EXPECT_EQ(reg(ctx, "GVX"), 1u);
+    EXPECT_EQ(reg(ctx, "GEX"), 1u);
+    wreg(ctx, "MPT", 0);
+    EXPECT_EQ(reg(ctx, "GVX"), 5u);
+    EXPECT_EQ(reg(ctx, "GEX"), 4u);
 }
 
 TEST(VmGraphRegisters, UnknownIndexTypeFallsBackToTheStoredValue) {
