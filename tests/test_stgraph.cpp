@@ -119,6 +119,8 @@ TYPED_TEST(STGraphTyped, EdgeTimeSwap) {
     // Temporal block: edge of base vertex 1 at time 1 taken to time 0.
     EXPECT_EQ((size_t)G.edge_time_swap(3, 0), 2u);
     EXPECT_EQ((size_t)G.edge_time_swap(0, 1), 1u);
+    // The time is not checked: base vertex 1 "at time 7".
+    EXPECT_EQ((size_t)G.edge_time_swap(2, 7), 9u);
     // Middle block: a forward diagonal at time 0 taken to time 1, the same kind.
     EXPECT_EQ((size_t)G.edge_time_swap(5, 1), 8u);
     EXPECT_EQ((size_t)G.edge_time_swap(9, 0), 6u);
