@@ -1,6 +1,7 @@
 // The shared inference base: parameter layout, value conversions, scoring,
 // enumeration, decoding of most probable states and Gibbs sampling.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZBP>
@@ -8,7 +9,6 @@
 #include <QZ/QZINF>
 
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <random>
@@ -17,15 +17,7 @@
 
 namespace {
 
-template <typename idx_t>
-std::unique_ptr<QZ::Graph<idx_t>> makeGraph(size_t n, const std::vector<std::pair<size_t, size_t>>& edges) {
-    idx_t* A = (idx_t*)std::calloc(2 * edges.size() + 1, sizeof(idx_t));
-    for (size_t e = 0; e < edges.size(); ++e) {
-        A[2 * e] = (idx_t)edges[e].first;
-        A[2 * e + 1] = (idx_t)edges[e].second;
-    }
-    return std::unique_ptr<QZ::Graph<idx_t>>(new QZ::Graph<idx_t>(true, A, (idx_t)n, (idx_t)edges.size()));
-}
+using qztest::makeGraph;
 
 // An engine whose vertex marginals come from a table, so that the decoding
 // operations of the base can be driven directly.
@@ -49,6 +41,7 @@ public:
         Z = 1;
     }
     idx_t ymax() const { return this->Ymax; }
+    idx_t* rawWrev() const { return this->wrev; }
     const val_t* obsArray() const { return this->O; }
 };
 
@@ -188,8 +181,13 @@ TEST(InferenceBase, WeightEdgeLookupMapsEveryEntryToItsEdge) {
     for (unsigned int i = 0; i < 12; ++i) expect.push_back(2);
     ASSERT_EQ(ia.wdim(), (unsigned int)expect.size());
     for (unsigned int i = 0; i < ia.wdim(); ++i) EXPECT_EQ(ia.weightEdgeLookup(i), expect[i]) << i;
+    // A built table is not walked again.
+    ia.rawWrev()[7] = 9;
     ia.initWeightEdgeLookup();
-    for (unsigned int i = 0; i < ia.wdim(); ++i) EXPECT_EQ(ia.weightEdgeLookup(i), expect[i]) << i;
+    EXPECT_EQ(ia.weightEdgeLookup(7), 9u);
+    // Before the first call entry 0 holds the marker.
+    TableIA<unsigned int, double> fresh(G.get(), Y, nullptr, nullptr);
+    EXPECT_EQ(fresh.rawWrev()[0], 0xFFFFFFFFu);
 }
 
 // ---------------------------------------------------------------- observations
@@ -466,6 +464,9 @@ TEST(InferenceBase, GibbsFrequenciesMatchExactMarginals) {
         ia.GIBBS(x, 3, false);  // thinning between recorded states
         for (unsigned int v = 0; v < 3; ++v) count[yoff[v] + (unsigned int)x[v]] += 1;
     }
+    // Sampling reads the parameters and needs no inference run.
+    for (unsigned int i = 0; i < 12; ++i) EXPECT_EQ(ia.getParameters()[i], wv[i]);
+    EXPECT_EQ(ia.inferCalls, 0);
     for (unsigned int i = 0; i < 7; ++i) {
         const double f = count[i] / N;
         const double se = std::sqrt(exact[i] * (1 - exact[i]) / N);
