@@ -1,6 +1,7 @@
 // The message-passing engine: message store, message rule, synchronous
 // schedule, convergence test and modes.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZBP>
@@ -8,26 +9,36 @@
 
 #include <omp.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <limits>
 #include <memory>
 #include <random>
 #include <utility>
 #include <vector>
 
+// Every allocation of the program goes through here, so that a stretch of
+// code can be checked for allocating nothing.
+namespace {
+std::atomic<bool> gCountNew{false};
+std::atomic<long> gNewCalls{0};
+}  // namespace
+
+void* operator new(size_t n) {
+    if (gCountNew.load(std::memory_order_relaxed)) gNewCalls.fetch_add(1);
+    void* p = std::malloc(n ? n : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    return p;
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, size_t) noexcept { std::free(p); }
+
 namespace {
 
-template <typename idx_t>
-std::unique_ptr<QZ::Graph<idx_t>> makeGraph(size_t n, const std::vector<std::pair<size_t, size_t>>& edges) {
-    idx_t* A = (idx_t*)std::calloc(2 * edges.size() + 1, sizeof(idx_t));
-    for (size_t e = 0; e < edges.size(); ++e) {
-        A[2 * e] = (idx_t)edges[e].first;
-        A[2 * e + 1] = (idx_t)edges[e].second;
-    }
-    return std::unique_ptr<QZ::Graph<idx_t>>(new QZ::Graph<idx_t>(true, A, (idx_t)n, (idx_t)edges.size()));
-}
+using qztest::makeGraph;
 
 // Loopy belief propagation that counts its sweeps.
 template <typename idx_t, typename val_t> class CountingLBP : public QZ::LBP<idx_t, val_t> {
@@ -44,12 +55,12 @@ protected:
     }
 };
 
-// The engine with plain maps and no normalization, so that message entries
-// can be compared with the rule itself.
-template <typename idx_t, typename val_t> class RawBP : public QZ::PairwiseBP<idx_t, val_t> {
+// The engine with marginals of no meaning and without edge normalization or
+// message normalization, for driving the schedule and the message rule.
+template <typename idx_t, typename val_t> class BareBP : public QZ::PairwiseBP<idx_t, val_t> {
 public:
-    RawBP(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y, val_t* w)
-        : QZ::PairwiseBP<idx_t, val_t>(G, Y, nullptr, w, true) {}
+    BareBP(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y, val_t* w, bool ts)
+        : QZ::PairwiseBP<idx_t, val_t>(G, Y, nullptr, w, ts) {}
     void vertex_marginal(const idx_t&, const idx_t&, val_t& q, val_t& Z) const override {
         q = 0;
         Z = 1;
@@ -58,6 +69,16 @@ public:
         psi = 0;
         Z = 1;
     }
+
+protected:
+    void compute_edge_normalization() override {}
+    void post_process() override {}
+};
+
+// Plain maps, so that message entries can be compared with the rule itself.
+template <typename idx_t, typename val_t> class RawBP : public BareBP<idx_t, val_t> {
+public:
+    RawBP(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y, val_t* w) : BareBP<idx_t, val_t>(G, Y, w, true) {}
     // One entry of one message, into the current copy.
     void single(const idx_t& e, const idx_t& y, bool rev, bool max) {
         if (rev) max ? this->template compute_message<true, true>(e, y) : this->template compute_message<true, false>(e, y);
@@ -68,8 +89,6 @@ public:
     }
 
 protected:
-    void compute_edge_normalization() override {}
-    void post_process() override {}
     val_t A_local() const override { return 0; }
     val_t map_logarithm(const val_t& m) const override { return std::log(m); }
     val_t map_exponential(const val_t& m) const override { return std::exp(m); }
@@ -78,24 +97,14 @@ protected:
 
 // An integer engine whose accumulation keeps the largest term, one
 // accumulator per thread.
-template <typename T> class MaxIntBP : public QZ::PairwiseBP<T, T> {
+template <typename T> class MaxIntBP : public BareBP<T, T> {
 public:
     mutable std::vector<T> acc;
     MaxIntBP(const QZ::AbstractGraph<T>* G, const T* Y, T* w)
-        : QZ::PairwiseBP<T, T>(G, Y, nullptr, w, false), acc(omp_get_max_threads() + 1, 0) {}
-    void vertex_marginal(const T&, const T&, T& q, T& Z) const override {
-        q = 0;
-        Z = 1;
-    }
-    void edge_marginal(const T&, const T&, const T&, T& psi, T& Z) const override {
-        psi = 0;
-        Z = 1;
-    }
+        : BareBP<T, T>(G, Y, w, false), acc(omp_get_max_threads() + 1, 0) {}
     T lp(const T& v, const T& x) const { return this->get_log_prod(v, x, (T)-1, 0); }
 
 protected:
-    void compute_edge_normalization() override {}
-    void post_process() override {}
     T A_local() const override { return 7; }
     T map_logarithm(const T& m) const override { return m; }
     T map_exponential(const T& m) const override { return m; }
@@ -133,6 +142,24 @@ void randomWeights(double* w, size_t d, unsigned seed, double scale) {
     std::uniform_real_distribution<double> U(-scale, scale);
     for (size_t i = 0; i < d; ++i) w[i] = U(g);
 }
+
+// Loopy belief propagation that counts the calls of its two maps.
+class MapCountingLBP : public QZ::LBP<unsigned int, double> {
+public:
+    mutable std::atomic<long> exps{0}, logs{0};
+    MapCountingLBP(const QZ::AbstractGraph<unsigned int>* G, const unsigned int* Y, double* w)
+        : QZ::LBP<unsigned int, double>(G, Y, nullptr, w, false) {}
+
+protected:
+    double map_exponential(const double& m) const override {
+        exps.fetch_add(1);
+        return QZ::LBP<unsigned int, double>::map_exponential(m);
+    }
+    double map_logarithm(const double& m) const override {
+        logs.fetch_add(1);
+        return QZ::LBP<unsigned int, double>::map_logarithm(m);
+    }
+};
 
 }  // namespace
 
@@ -339,6 +366,129 @@ TEST(PairwiseBP, SweepIsJacobiWhateverTheThreadCount) {
     EXPECT_NEAR(one.A(), two.A(), 1e-9 * std::fabs(one.A()));
 }
 
+TEST(PairwiseBP, ContinueWithModeTenIsMaxProduct) {
+    auto G = makeGraph<unsigned int>(5, {{0, 1}, {1, 2}, {3, 1}, {3, 4}});
+    unsigned int Y[] = {2, 3, 4, 2, 3};
+    std::vector<double> w(6 + 12 + 6 + 6);
+    randomWeights(w.data(), w.size(), 12, 2.0);
+    QZ::LBP<unsigned int, double> a(G.get(), Y, nullptr, w.data(), false), b(G.get(), Y, nullptr, w.data(), false);
+    a.setMaxIter(30);
+    b.setMaxIter(30);
+    a.infer(0);
+    b.infer(0);
+    a.infer_continue(10);
+    b.infer_continue(1);
+    EXPECT_EQ(allMessages(a, 4), allMessages(b, 4));
+    EXPECT_EQ(a.A(), b.A());
+    // No enumeration took place: the statistics are still marked empty.
+    EXPECT_EQ(a.raw_mu_samples()[0], -1.0);
+}
+
+TEST(PairwiseBP, ConvergenceTestIsLargestLinearChangeAgainstEpsilon) {
+    auto G = makeGraph<unsigned int>(25, gridEdges(5));
+    const auto el = gridEdges(5);
+    std::vector<unsigned int> Y(25);
+    for (size_t v = 0; v < 25; ++v) Y[v] = 2 + v % 2;
+    size_t d = 0;
+    for (auto& e : el) d += Y[e.first] * Y[e.second];
+    std::vector<double> w(d);
+    randomWeights(w.data(), d, 21, 1.0);
+    QZ::LBP<unsigned int, double> bp(G.get(), Y.data(), nullptr, w.data(), false);
+    bp.setEpsilon(-1);
+    // b after sweep k: the largest |exp(new) - exp(old)| over all entries of
+    // the normalized messages of sweeps k and k-1.
+    std::vector<std::vector<double>> msgs;
+    for (unsigned int k = 0; k <= 12; ++k) {
+        bp.setMaxIter(k);
+        bp.infer(0);
+        msgs.push_back(allMessages(bp, el.size()));
+    }
+    std::vector<double> b(13, 0.0);
+    for (size_t k = 1; k <= 12; ++k)
+        for (size_t i = 0; i < msgs[k].size(); ++i)
+            b[k] = std::max(b[k], std::fabs(std::exp(msgs[k][i]) - std::exp(msgs[k - 1][i])));
+    // The last sweep k whose change is below all earlier ones: a threshold
+    // equal to b[k] ends the run there, one just below it does not.
+    size_t k = 0;
+    for (size_t j = 2; j <= 12; ++j) {
+        bool lowest = b[j] > 0;
+        for (size_t i = 1; i < j; ++i) lowest = lowest && b[j] < b[i];
+        if (lowest && j < 12 && b[j + 1] < b[j]) k = j;
+    }
+    ASSERT_GT(k, 1u);
+    bp.setMaxIter(100);
+    bp.setEpsilon(b[k]);
+    bp.infer(0);
+    EXPECT_EQ(allMessages(bp, el.size()), msgs[k]);
+    bp.setEpsilon(std::nextafter(b[k], 0.0));
+    bp.infer(0);
+    EXPECT_EQ(allMessages(bp, el.size()), msgs[k + 1]);
+}
+
+TEST(PairwiseBP, SweepCostIsLinearInEdgesTimesStates) {
+    // A star around vertex 0 and a triangle on top: the cost of a message
+    // must not grow with the degree of its source.
+    auto G = makeGraph<unsigned int>(9, {{0, 1}, {2, 0}, {0, 3}, {0, 4}, {5, 0}, {0, 6}, {0, 7}, {7, 8}, {8, 0}});
+    unsigned int Y[] = {3, 2, 4, 2, 3, 2, 4, 2, 3};
+    size_t pairs = 0, entries = 0;
+    const size_t m = G->edges();
+    for (unsigned int e = 0; e < m; ++e) {
+        unsigned int s = 0, t = 0;
+        G->edge(e, s, t);
+        pairs += Y[s] * Y[t];
+        entries += Y[s] + Y[t];
+    }
+    std::vector<double> w(pairs);
+    randomWeights(w.data(), pairs, 13, 1.0);
+    MapCountingLBP bp(G.get(), Y, w.data());
+    bp.setEpsilon(-1);
+    std::vector<long> exps, logs;
+    for (unsigned int k : {3u, 4u, 9u}) {
+        bp.setMaxIter(k);
+        bp.exps = 0;
+        bp.logs = 0;
+        bp.infer(0);
+        exps.push_back(bp.exps);
+        logs.push_back(bp.logs);
+    }
+    // Per sweep: one exponential per weight for each direction, one per entry
+    // for the normalization and two per entry for the convergence test; one
+    // logarithm per entry and one per message.
+    const long perSweepExp = (long)(2 * pairs + 3 * entries);
+    const long perSweepLog = (long)(entries + 2 * m);
+    EXPECT_EQ(exps[1] - exps[0], perSweepExp);
+    EXPECT_EQ(exps[2] - exps[1], 5 * perSweepExp);
+    EXPECT_EQ(logs[1] - logs[0], perSweepLog);
+    EXPECT_EQ(logs[2] - logs[1], 5 * perSweepLog);
+}
+
+TEST(PairwiseBP, RunAllocatesNothing) {
+    auto G = makeGraph<unsigned int>(100, gridEdges(10));
+    const auto el = gridEdges(10);
+    std::vector<unsigned int> Y(100, 3);
+    std::vector<double> w(9 * el.size());
+    randomWeights(w.data(), w.size(), 14, 1.0);
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(2);
+    QZ::LBP<unsigned int, double> bp(G.get(), Y.data(), nullptr, w.data(), false);
+    bp.setEpsilon(-1);
+    bp.setMaxIter(20);
+    bp.infer(0);  // the thread team exists from here on
+    gNewCalls = 0;
+    gCountNew = true;
+    bp.infer(0);
+    bp.infer(1);
+    bp.infer_continue(0);
+    gCountNew = false;
+    EXPECT_EQ(gNewCalls.load(), 0);
+    // The counter does see the engine's own arrays.
+    gCountNew = true;
+    { QZ::LBP<unsigned int, double> other(G.get(), Y.data(), nullptr, w.data(), false); }
+    gCountNew = false;
+    EXPECT_GT(gNewCalls.load(), 5);
+    omp_set_num_threads(saved);
+}
+
 TEST(PairwiseBP, LogProductsAreCentredIncomingSums) {
     auto G = makeGraph<unsigned int>(4, {{0, 1}, {1, 2}, {3, 1}});
     unsigned int Y[] = {2, 3, 2, 3};
@@ -448,6 +598,24 @@ TEST(PairwiseBP, VanishingExponentialsGiveLogOfSmallestNormal) {
     RawBP<unsigned int, float> bf(G.get(), Y, wf.data());
     bf.infer(0);
     for (unsigned int y = 0; y < 3; ++y) EXPECT_EQ(bf.messages(0, false)[y], std::log(std::numeric_limits<float>::min()));
+}
+
+TEST(PairwiseBP, NaNSumGivesLogOfSmallestNormalAndMaxSkipsNaN) {
+    auto G = makeGraph<unsigned int>(2, {{0, 1}});
+    unsigned int Y[] = {2, 2};
+    std::vector<double> w = {std::nan(""), 0.5, -0.25, 0.75};
+    RawBP<unsigned int, double> bp(G.get(), Y, w.data());
+    bp.setMaxIter(1);
+    bp.infer(0);
+    const double lmin = std::log(std::numeric_limits<double>::min());
+    // 0 -> 1 at state 0 and 1 -> 0 at state 0 both meet the NaN weight.
+    EXPECT_EQ(bp.messages(0, false)[0], lmin);
+    EXPECT_EQ(bp.messages(0, true)[0], lmin);
+    EXPECT_NEAR(bp.messages(0, false)[1], std::log(std::exp(0.5) + std::exp(0.75)), 1e-12);
+    // Max-product keeps the larger of the numbers.
+    bp.infer(1);
+    EXPECT_EQ(bp.messages(0, false)[0], -0.25);
+    EXPECT_EQ(bp.messages(0, true)[0], 0.5);
 }
 
 TEST(PairwiseBP, OverflowingSumIsReplacedByLargestValue) {
