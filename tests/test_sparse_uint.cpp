@@ -3,6 +3,7 @@
 
 #include <QZ/QZINT>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -347,6 +348,21 @@ TEST(SparseUint, CompareWalksBitPositionsAsInt) {
     EXPECT_EQ(b.compare(a), 1);
 }
 
+TEST(SparseUint, CompareGoesByTheBitLengthOfTheIndexType) {
+    // Bit 255 gives an 8-bit length of 0, so such a value compares below any
+    // other non-zero value, and two of them compare equal; against 0 the
+    // value is still larger.
+    sparse_uint_t<unsigned char> top, three((unsigned char)3), top2;
+    top.p2x(255);
+    top2.data_rw()->insert({0, 255});
+    EXPECT_EQ(top.compare(three), -1);
+    EXPECT_EQ(three.compare(top), 1);
+    EXPECT_EQ(top.compare(top2), 0);
+    EXPECT_EQ(top.compare((unsigned char)3), -1);
+    EXPECT_EQ(top.compare((unsigned char)0), 1);
+    EXPECT_EQ(top.compare(sparse_uint_t<unsigned char>()), 1);
+}
+
 // ---- arithmetic against 128-bit integers ----
 
 TYPED_TEST(SparseUintTyped, AdditionMatches128BitIntegers) {
@@ -458,6 +474,48 @@ TEST(SparseUint, UnrankInvertsRankOnSixteenElementsInWideTypes) {
     checkRanksInvert<unsigned short>(16);
     checkRanksInvert<unsigned int>(16);
     checkRanksInvert<unsigned long>(16);
+}
+
+template <typename idx_t> void checkThreeSubsetsOf64() {
+    const unsigned n = 64;
+    std::vector<bool> seen(41664, false);
+    for (unsigned a = 0; a < n; ++a)
+        for (unsigned b = a + 1; b < n; ++b)
+            for (unsigned c = b + 1; c < n; ++c) {
+                sparse_uint_t<idx_t> x;
+                x.data_rw()->insert({(idx_t)a, (idx_t)b, (idx_t)c});
+                const idx_t r = x.combinatorial_index((idx_t)n, 3);
+                ASSERT_LT((unsigned long)r, 41664u);
+                ASSERT_FALSE(seen[r]) << a << " " << b << " " << c;
+                seen[r] = true;
+                sparse_uint_t<idx_t> y;
+                y.from_combinatorial_index(r, (idx_t)n, 3);
+                ASSERT_EQ(*y.data(), *x.data()) << (unsigned long)r;
+            }
+}
+
+TEST(SparseUint, EveryThreeSubsetOf64RanksOntoAllRanksAndBack) {
+    checkThreeSubsetsOf64<unsigned short>();
+    checkThreeSubsetsOf64<unsigned int>();
+    checkThreeSubsetsOf64<unsigned long>();
+}
+
+TEST(SparseUint, SmallIndexTypeUnranksWhereCoefficientsExceedIt) {
+    // binom(30, 2) = 435 and binom(30, 3) = 4060 do not fit 8 bits; the
+    // search for the coefficient below the rank must still see them as larger
+    // than any rank, and the ranks that fit come back.
+    for (unsigned k = 2; k <= 3; ++k)
+        for (unsigned r = 0; r < 256; ++r) {
+            sparse_uint_t<unsigned char> x;
+            x.from_combinatorial_index((unsigned char)r, 30, (unsigned char)k);
+            ASSERT_EQ(x.data()->size(), k) << r;
+            ASSERT_LT(*x.data()->rbegin(), 30) << r;
+            ASSERT_EQ(x.combinatorial_index(30, (unsigned char)k), r) << k << " " << r;
+            sparse_uint_t<unsigned long> w;
+            w.from_combinatorial_index(r, 30, k);
+            ASSERT_EQ(w.data()->size(), x.data()->size());
+            ASSERT_TRUE(std::equal(w.data()->begin(), w.data()->end(), x.data()->begin())) << k << " " << r;
+        }
 }
 
 TYPED_TEST(SparseUintTyped, PairRanksCountFromTheTop) {
