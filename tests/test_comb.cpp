@@ -236,3 +236,38 @@ TEST(Comb, CombOfPairsWithIntegerValueType) {
         ASSERT_EQ(C[1], all[L - 1][1]);
     }
 }
+
+template <typename T> class CombWidths : public ::testing::Test {};
+typedef ::testing::Types<unsigned char, unsigned short, unsigned int, unsigned long> Widths;
+TYPED_TEST_SUITE(CombWidths, Widths);
+
+// Up to 10 elements every rank fits 8 bits, so each index width unranks the
+// same lexicographic order with either real value type.
+TYPED_TEST(CombWidths, CombMatchesLexicographicEnumerationInEveryWidth) {
+    typedef TypeParam T;
+    for (unsigned N = 1; N <= 10; ++N)
+        for (unsigned P = 1; P <= N; ++P) {
+            const std::vector<std::vector<unsigned>> all = lexicographic(N, P);
+            ASSERT_EQ((double)all.size(), (binom<T, double>((T)N, (T)P)));
+            ASSERT_EQ((float)all.size(), (binom<T, float>((T)N, (T)P)));
+            std::vector<T> C(P), D(P);
+            for (unsigned L = 1; L <= all.size(); ++L) {
+                comb<T, double>((T)N, (T)P, (T)L, C.data());
+                comb<T, float>((T)N, (T)P, (T)L, D.data());
+                for (unsigned i = 0; i < P; ++i) {
+                    ASSERT_EQ((unsigned)C[i], all[L - 1][i]) << "N=" << N << " P=" << P << " L=" << L;
+                    ASSERT_EQ((unsigned)D[i], all[L - 1][i]) << "N=" << N << " P=" << P << " L=" << L;
+                }
+            }
+        }
+}
+
+TYPED_TEST(CombWidths, FactorialAndStirlingInEveryWidth) {
+    typedef TypeParam T;
+    EXPECT_EQ((factorial<T, double>(5)), 120.0);
+    EXPECT_EQ((factorial<T, T>(5)), (T)120);
+    EXPECT_EQ((stirling2<T, double>(6, 3)), 90.0);
+    EXPECT_EQ((stirling2<T, float>(6, 3)), 90.0f);
+    EXPECT_EQ((stirling2<T, double>(10, 5)), 42525.0);
+    EXPECT_EQ((stirling2<T, T>(5, 3)), (T)25);
+}
