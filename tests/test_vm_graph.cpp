@@ -470,6 +470,21 @@ TEST(VmGraphData, TableColumnsDividedByTheSliceCount) {
     EXPECT_EQ(reg(ctx, "GVX"), 0u);
 }
 
+TEST(VmGraphData, HostEdgeListIsSizedFromGVXEvenWithATable) {
+    const std::string f = tmpPath("vm_graph_table_eap.csv");
+    std::string text = "a,b,c,d,e,f\n1,1,1,1,1,1\n";
+    for (int r = 0; r < 4; ++r) text += "0,1,0,1,0,1\n";
+    writeFile(f, text);
+    std::vector<unsigned long> el = {0, 1, 1, 2, 2, 3};
+    Ctx ctx;
+    wreg(ctx, "EAP", (size_t)el.data());
+    runLines(ctx, {"DFN '" + f + "'", "LDX DPT;", "GVX 4", "GEX 3", "LDX GPT;"});
+    ASSERT_EQ(reg(ctx, "NXX"), 4u);
+    EXPECT_EQ(reg(ctx, "GVX"), 4u);
+    EXPECT_EQ(reg(ctx, "GEX"), 3u);
+    EXPECT_EQ(edgesOf(ctx), (EL{{0, 1}, {1, 2}, {2, 3}}));
+}
+
 // ------------------------------------------------------------ with a model
 
 TEST(VmGraphModel, LoadedGraphIsHandedToTheModel) {
