@@ -2,6 +2,7 @@
 // instantiation, the exact bytes, ownership on destruction, and replacing the
 // graph of a model.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZIO>
@@ -9,25 +10,83 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 using namespace QZ;
+
+namespace {
+
+// The addresses the allocator hands out and gets back while a test watches,
+// so that what a destructor releases and what it keeps can be told exactly.
+struct HeapLog {
+    static constexpr size_t CAP = 4096;
+    bool on = false;
+    size_t made = 0, n = 0;
+    const void* m[CAP] = {};
+    const void* p[CAP] = {};
+    void start() {
+        made = n = 0;
+        on = true;
+    }
+    void stop() { on = false; }
+    void noteMade(const void* q) {
+        if (on && made < CAP) m[made++] = q;
+    }
+    void note(const void* q) {
+        if (on && q != nullptr && n < CAP) p[n++] = q;
+    }
+    static size_t count(const void* const* a, size_t k, const void* q) {
+        size_t c = 0;
+        for (size_t i = 0; i < k; ++i) c += a[i] == q;
+        return c;
+    }
+    bool freed(const void* q) const { return count(p, n, q) != 0; }
+    // Every block made while watching was given back as often as it was made.
+    bool balanced() const {
+        if (made == CAP || n == CAP) return false;
+        for (size_t i = 0; i < made; ++i)
+            if (count(m, made, m[i]) != count(p, n, m[i])) return false;
+        return true;
+    }
+};
+HeapLog heapLog;
+
+void* allocate(size_t n) {
+    void* p = std::malloc(n != 0 ? n : 1);
+    if (p == nullptr) throw std::bad_alloc();
+    heapLog.noteMade(p);
+    return p;
+}
+
+void giveBack(void* p) noexcept {
+    heapLog.note(p);
+    std::free(p);
+}
+
+}  // namespace
+
+// The library's allocations reach these as well, the shared library's
+// references binding to the program's definitions.
+void* operator new(size_t n) { return allocate(n); }
+void* operator new[](size_t n) { return allocate(n); }
+void operator delete(void* p) noexcept { giveBack(p); }
+void operator delete[](void* p) noexcept { giveBack(p); }
+void operator delete(void* p, size_t) noexcept { giveBack(p); }
+void operator delete[](void* p, size_t) noexcept { giveBack(p); }
+
 using qztest::readFile;
 using qztest::tmpPath;
 using qztest::writeFile;
 
 namespace {
 
-// A graph over an edge list given pair by pair, in that order and orientation.
-template <typename I> Graph<I>* edgeList(I n, const std::vector<std::pair<int, int>>& edges) {
-    I* el = (I*)malloc(sizeof(I) * (2 * edges.size() + 1));
-    for (size_t e = 0; e < edges.size(); ++e) {
-        el[2 * e] = (I)edges[e].first;
-        el[2 * e + 1] = (I)edges[e].second;
-    }
-    return new Graph<I>(true, el, n, (I)edges.size());
+// A graph over an edge list given pair by pair, in that order and
+// orientation; the caller takes it over.
+template <typename I> Graph<I>* newGraph(size_t n, const qztest::EdgeList& edges) {
+    return qztest::makeGraph<I>(n, edges).release();
 }
 
 // Fills offsets, statistics and weights of a container over G with states Y,
@@ -167,7 +226,7 @@ TYPED_TEST(IOTyped, StoredModelReadsBackEqual) {
     typedef typename TypeParam::first_type I;
     typedef typename TypeParam::second_type V;
     // A reversed edge checks that the orientation survives.
-    Graph<I>* G = edgeList<I>(5, {{0, 1}, {2, 1}, {3, 4}, {4, 0}});
+    Graph<I>* G = newGraph<I>(5, {{0, 1}, {2, 1}, {3, 4}, {4, 0}});
     IO<I, V>* io = build<I, V>(G, {2, 3, 4});
     const std::string fn = tmpPath("io_roundtrip_" + std::to_string(sizeof(I)) + "_" + std::to_string(io->vtype));
     io->store(fn);
@@ -183,7 +242,7 @@ TYPED_TEST(IOTyped, StoredModelReadsBackEqual) {
 TYPED_TEST(IOTyped, SpatioTemporalModelHasOneRecordPerSliceVertex) {
     typedef typename TypeParam::first_type I;
     typedef typename TypeParam::second_type V;
-    Graph<I>* base = edgeList<I>(3, {{0, 1}, {1, 2}});
+    Graph<I>* base = newGraph<I>(3, {{0, 1}, {1, 2}});
     STGraph<I>* st = new STGraph<I>(base, (I)3);
     IO<I, V>* io = build<I, V>(st, {2, 3});
     io->H = base;
@@ -215,7 +274,7 @@ TYPED_TEST(IOTyped, SpatioTemporalModelHasOneRecordPerSliceVertex) {
 }
 
 TEST(IO, ModelWithoutWeightsReadsWithZeroWeights) {
-    Graph<unsigned int>* G = edgeList<unsigned int>(3, {{0, 1}, {1, 2}});
+    Graph<unsigned int>* G = newGraph<unsigned int>(3, {{0, 1}, {1, 2}});
     IO<unsigned int, double>* io = build<unsigned int, double>(G, {2, 3});
     const std::string withW = tmpPath("io_withw");
     io->store(withW);
@@ -237,7 +296,7 @@ TEST(IO, ModelWithoutWeightsReadsWithZeroWeights) {
 }
 
 TEST(IO, EmptyListIsWrittenAsLengthZeroWithoutText) {
-    Graph<unsigned short>* G = edgeList<unsigned short>(2, {});
+    Graph<unsigned short>* G = newGraph<unsigned short>(2, {});
     IO<unsigned short, float>* io = build<unsigned short, float>(G, {2});
     io->llist = "";
     io->clist = "";
@@ -255,7 +314,7 @@ TEST(IO, EmptyListIsWrittenAsLengthZeroWithoutText) {
 }
 
 TEST(IO, EightBitIndicesWriteOneByteFieldsButEightByteListLengths) {
-    Graph<unsigned char>* G = edgeList<unsigned char>(2, {{1, 0}});
+    Graph<unsigned char>* G = newGraph<unsigned char>(2, {{1, 0}});
     IO<unsigned char, unsigned char>* io = build<unsigned char, unsigned char>(G, {2});
     io->Xnames->at(0) = "a";
     io->Xnames->at(1) = "b";
@@ -322,13 +381,46 @@ TEST(IO, HandWrittenFileReadsFieldByField) {
     EXPECT_EQ(*io.Ynames->at(1), (std::vector<std::string>{"b0", "b1", "b2"}));
     EXPECT_EQ(io.E[18], 9.0);
     EXPECT_EQ(io.w[11], -16.5);
+    // Writing it again gives the same bytes: the writer is the reader's inverse.
+    const std::string again = tmpPath("io_hand_again");
+    io.store(again);
+    EXPECT_EQ(readFile(again), b.s);
     delete io.G;
+}
+
+// A model file whose dim is too big for the address space: the statistics
+// cannot be allocated, and everything built before is released again,
+// graphs included, before the exception leaves the constructor.
+TEST(IO, TooLargeACountFailsAndReleasesWhatWasBuilt) {
+    for (unsigned long T : {1ul, 2ul}) {
+        Bytes b;
+        b.num<unsigned char>(3).num<unsigned char>(5);
+        b.num<unsigned long>(2).num<unsigned long>(1).num<unsigned long>(0).num<unsigned long>(1);
+        const std::string clist = "a list longer than fifteen";  // a string of its own on the heap
+        b.num<unsigned long>(0).num<size_t>(0).num<size_t>(clist.size()).text(clist);
+        b.num<unsigned long>(T).num<unsigned long>(0).num<unsigned long>(1).num<unsigned long>(0);
+        for (unsigned long v = 0; v < 2 * T; ++v) b.num<unsigned long>(2).name("v").name("s0").name("s1");
+        b.num<unsigned long>(1ul << 62);
+        const std::string fn = tmpPath("io_huge");
+        writeFile(fn, b.s);
+        bool threw = false;
+        heapLog.start();
+        try {
+            IO<unsigned long, double> io(fn);
+        } catch (const std::bad_array_new_length&) {
+            threw = true;
+        }
+        heapLog.stop();
+        EXPECT_TRUE(threw) << "T = " << T;
+        EXPECT_GT(heapLog.made, 5u);
+        EXPECT_TRUE(heapLog.balanced()) << "T = " << T;
+    }
 }
 
 TEST(IO, NameOfSixtyFourCharactersComesBack) {
     const std::string longName(64, 'n');
     const std::string longState = std::string(63, 's') + "!";
-    Graph<unsigned long>* G = edgeList<unsigned long>(2, {{0, 1}});
+    Graph<unsigned long>* G = newGraph<unsigned long>(2, {{0, 1}});
     IO<unsigned long, double>* io = build<unsigned long, double>(G, {2});
     io->Xnames->at(1) = longName;
     io->Ynames->at(0)->at(1) = longState;
@@ -343,7 +435,7 @@ TEST(IO, NameOfSixtyFourCharactersComesBack) {
 }
 
 TEST(IO, StoringAModelWithoutNamesFailsOutOfRange) {
-    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
+    Graph<unsigned int>* G = newGraph<unsigned int>(2, {{0, 1}});
     IO<unsigned int, float>* io = build<unsigned int, float>(G, {2}, false);
     EXPECT_THROW(io->store(tmpPath("io_nonames")), std::out_of_range);
     io->Xnames = new std::vector<std::string>{"a", "b"};
@@ -385,7 +477,7 @@ TEST(IO, ReadArrayFillsTheGivenArray) {
 }
 
 TEST(IO, TruncatedFileKeepsZeros) {
-    Graph<unsigned int>* G = edgeList<unsigned int>(3, {{0, 1}, {1, 2}});
+    Graph<unsigned int>* G = newGraph<unsigned int>(3, {{0, 1}, {1, 2}});
     IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
     const std::string fn = tmpPath("io_trunc");
     io->store(fn);
@@ -401,46 +493,105 @@ TEST(IO, TruncatedFileKeepsZeros) {
     release(back, false);
 }
 
-TEST(IO, DestructorKeepsWeightsOfAModelBuiltInMemory) {
-    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
-    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
-    double* w = io->w;
-    delete io;
-    // Still ours: a second release would abort the process.
-    w[3] = 4.0;
-    EXPECT_EQ(w[3], 4.0);
-    delete[] w;
+namespace {
+
+// What a destructor releases, told pointer by pointer from the free log.
+struct Parts {
+    const void *w, *E, *woff, *Y, *Xnames, *Ynames, *Y0, *G, *H;
+    template <typename I, typename V> explicit Parts(const IO<I, V>& io)
+        : w(io.w), E(io.E), woff(io.woff), Y(io.Y), Xnames(io.Xnames), Ynames(io.Ynames),
+          Y0(io.Ynames != nullptr ? (const void*)io.Ynames->at(0) : nullptr), G(io.G), H(io.H) {}
+    template <typename I, typename V> static Parts deleted(IO<I, V>* io) {
+        const Parts p(*io);
+        heapLog.start();
+        delete io;
+        heapLog.stop();
+        return p;
+    }
+};
+
+}  // namespace
+
+TEST(IOOwnership, ModelBuiltInMemoryKeepsItsWeightsAndGraph) {
+    Graph<unsigned int>* G = newGraph<unsigned int>(2, {{0, 1}});
+    const Parts p = Parts::deleted(build<unsigned int, double>(G, {2}));
+    EXPECT_FALSE(heapLog.freed(p.w));
+    EXPECT_TRUE(heapLog.freed(p.E));
+    EXPECT_TRUE(heapLog.freed(p.woff));
+    EXPECT_TRUE(heapLog.freed(p.Y));
+    EXPECT_TRUE(heapLog.freed(p.Xnames));
+    EXPECT_TRUE(heapLog.freed(p.Ynames));
+    EXPECT_TRUE(heapLog.freed(p.Y0));
+    EXPECT_FALSE(heapLog.freed(p.G));
+    delete[] static_cast<const double*>(p.w);
     delete G;
 }
 
-TEST(IO, ExternalContainerLeavesWeightsOffsetsAndStatesAlone) {
-    Graph<unsigned int>* G = edgeList<unsigned int>(2, {{0, 1}});
+TEST(IOOwnership, ModelReadFromAFileReleasesItsWeightsButNotItsGraphs) {
+    // A spatio-temporal model, so that the reader makes both G and H.
+    Graph<unsigned int>* base = newGraph<unsigned int>(3, {{0, 1}, {1, 2}});
+    STGraph<unsigned int>* st = new STGraph<unsigned int>(base, 2);
+    IO<unsigned int, double>* io = build<unsigned int, double>(st, {2});
+    io->H = base;
+    io->T = 2;
+    const std::string fn = tmpPath("io_owned");
+    io->store(fn);
+    release(io, true);
+
+    IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
+    AbstractGraph<unsigned int>* G = back->G;
+    AbstractGraph<unsigned int>* H = back->H;
+    ASSERT_NE(H, nullptr);
+    const Parts p = Parts::deleted(back);
+    for (const void* q : {p.w, p.E, p.woff, p.Y, p.Xnames, p.Ynames, p.Y0}) EXPECT_TRUE(heapLog.freed(q));
+    EXPECT_FALSE(heapLog.freed(p.G));
+    EXPECT_FALSE(heapLog.freed(p.H));
+    delete G;
+    delete H;
+}
+
+TEST(IOOwnership, ExternalModelReleasesOnlyStatisticsAndNames) {
+    Graph<unsigned int>* G = newGraph<unsigned int>(2, {{0, 1}});
     const std::string fn = tmpPath("io_external");
     IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
     io->store(fn);
-    delete[] io->w;
-    delete io;
+    release(io, true);
+
     IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
     back->is_external = true;
     EXPECT_TRUE(back->external());
-    double* w = back->w;
-    unsigned int* woff = back->woff;
-    unsigned int* Y = back->Y;
     AbstractGraph<unsigned int>* g = back->G;
-    delete back;
-    EXPECT_EQ(Y[1], 2u);
-    EXPECT_EQ(woff[3], 8u);
-    w[0] = 1.0;
-    delete[] w;
-    delete[] woff;
-    delete[] Y;
+    const Parts p = Parts::deleted(back);
+    EXPECT_FALSE(heapLog.freed(p.w));
+    EXPECT_TRUE(heapLog.freed(p.E));
+    EXPECT_FALSE(heapLog.freed(p.woff));
+    EXPECT_FALSE(heapLog.freed(p.Y));
+    EXPECT_TRUE(heapLog.freed(p.Xnames));
+    EXPECT_TRUE(heapLog.freed(p.Ynames));
+    EXPECT_TRUE(heapLog.freed(p.Y0));
+    EXPECT_FALSE(heapLog.freed(p.G));
+    // Still whole: the arrays are the owner's to read and release.
+    EXPECT_EQ(static_cast<const unsigned int*>(p.Y)[1], 2u);
+    EXPECT_EQ(static_cast<const unsigned int*>(p.woff)[3], 8u);
+    delete[] static_cast<const double*>(p.w);
+    delete[] static_cast<const unsigned int*>(p.woff);
+    delete[] static_cast<const unsigned int*>(p.Y);
     delete g;
-    delete G;
+}
+
+TEST(IOOwnership, EmptyContainerReleasesNothing) {
+    IO<unsigned char, float>* io = new IO<unsigned char, float>();
+    heapLog.start();
+    delete io;
+    heapLog.stop();
+    // The object itself only.
+    EXPECT_EQ(heapLog.n, 1u);
+    EXPECT_TRUE(heapLog.freed(io));
 }
 
 TEST(IO, ReconfigureKeepsStatisticsOfTheEdgeThatFNames) {
     // Complete graph on 3 vertices with distinct statistics per edge block.
-    Graph<unsigned int>* K3 = edgeList<unsigned int>(3, {{0, 1}, {0, 2}, {1, 2}});
+    Graph<unsigned int>* K3 = newGraph<unsigned int>(3, {{0, 1}, {0, 2}, {1, 2}});
     IO<unsigned int, double>* io = build<unsigned int, double>(K3, {2, 3, 2});
     std::vector<double> oldE(io->E, io->E + io->sdim);
     std::vector<unsigned int> oldWoff(io->woff, io->woff + io->odim);
@@ -475,7 +626,7 @@ TEST(IO, ReconfigureKeepsStatisticsOfTheEdgeThatFNames) {
 }
 
 TEST(IO, ReconfigureTakesNewBlocksFromTheCallback) {
-    Graph<unsigned short>* K3 = edgeList<unsigned short>(3, {{0, 1}, {0, 2}, {1, 2}});
+    Graph<unsigned short>* K3 = newGraph<unsigned short>(3, {{0, 1}, {0, 2}, {1, 2}});
     IO<unsigned short, float>* io = build<unsigned short, float>(K3, {2});
     unsigned short A[9] = {0, 1, 0, 1, 0, 1, 0, 1, 0};
     std::vector<std::vector<unsigned short>> seen;
@@ -502,4 +653,34 @@ TEST(IO, ReconfigureTakesNewBlocksFromTheCallback) {
     delete io->G;
     delete[] io->w;
     delete io;
+}
+
+TEST(IO, ReconfigureReleasesTheOldGraphAndArrays) {
+    for (bool withW : {true, false}) {
+        Graph<unsigned int>* K3 = newGraph<unsigned int>(3, {{0, 1}, {0, 2}, {1, 2}});
+        IO<unsigned int, double>* io = build<unsigned int, double>(K3, {2});
+        if (!withW) {
+            delete[] io->w;
+            io->w = nullptr;
+        }
+        const Parts old(*io);
+        unsigned int A[9] = {0, 1, 1, 1, 0, 0, 1, 0, 0};
+        auto f = [](const unsigned int& s, const unsigned int& t) -> unsigned int { return s + t - 1; };
+        heapLog.start();
+        io->reconfigure(A, f, nullptr);
+        heapLog.stop();
+        EXPECT_TRUE(heapLog.freed(old.G));
+        EXPECT_TRUE(heapLog.freed(old.E));
+        EXPECT_TRUE(heapLog.freed(old.woff));
+        if (withW) EXPECT_TRUE(heapLog.freed(old.w));
+        EXPECT_FALSE(heapLog.freed(old.Y));
+        EXPECT_FALSE(heapLog.freed(old.Xnames));
+        EXPECT_EQ(io->Y, old.Y);
+        ASSERT_NE(io->w, nullptr);
+        ASSERT_EQ(io->dim, 8u);
+        for (unsigned int i = 0; i < io->dim; ++i) EXPECT_EQ(io->w[i], 0.0);
+        delete io->G;
+        delete[] io->w;
+        delete io;
+    }
 }
