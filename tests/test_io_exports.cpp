@@ -1,12 +1,13 @@
 // The three text exports of a model's graph: dense adjacency, Trivial Graph
 // Format and factor-graph text, including what 8-bit indices do to them.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZIO>
 
 #include <cmath>
-#include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,14 +22,8 @@ namespace {
 // vertex names and weights in edge order.
 template <typename I, typename V> struct Model {
     IO<I, V> io;
-    Model(I n, const std::vector<std::pair<int, int>>& edges, const std::vector<int>& Y,
-          const std::vector<std::string>& names = {}) {
-        I* el = (I*)malloc(sizeof(I) * (2 * edges.size() + 1));
-        for (size_t e = 0; e < edges.size(); ++e) {
-            el[2 * e] = (I)edges[e].first;
-            el[2 * e + 1] = (I)edges[e].second;
-        }
-        io.G = new Graph<I>(true, el, n, (I)edges.size());
+    Model(I n, const qztest::EdgeList& edges, const std::vector<int>& Y, const std::vector<std::string>& names = {}) {
+        io.G = qztest::makeGraph<I>(n, edges).release();
         io.Y = new I[n];
         for (I v = 0; v < n; ++v) io.Y[v] = (I)Y[v];
         size_t dim = 0;
@@ -183,4 +178,20 @@ TEST(Exports, ExportsTruncateAnExistingFile) {
     qztest::writeFile(fn, std::string(1000, 'x'));
     m.io.storeFG(fn);
     EXPECT_EQ(readFile(fn), "0\n\n");
+}
+
+TEST(Exports, AdjacencyReadsBackAsTheSameGraph) {
+    Model<unsigned int, double> m(5, {{3, 1}, {0, 4}, {2, 3}, {1, 4}}, {2, 2, 2, 2, 2});
+    const std::string fn = tmpPath("exp_back.adj");
+    m.io.storeADJ(fn);
+    std::ifstream in(fn);
+    unsigned int* A = nullptr;
+    unsigned int n = 0, e = 0;
+    adjFromCSV<unsigned int>(in, A, n, e, ',');
+    ASSERT_EQ(n, 5u);
+    ASSERT_EQ(e, 4u);
+    Graph<unsigned int> back(A, n, e);
+    delete[] A;
+    // Same edges, now in ascending order with the smaller vertex first.
+    EXPECT_EQ(qztest::edgeList(back), (qztest::EdgeList{{0, 4}, {1, 3}, {1, 4}, {2, 3}}));
 }

@@ -1,6 +1,7 @@
 // Programs that load, store, export, measure and release the model container,
 // and the choice of its instantiation by IDX and VAL.
 #include <gtest/gtest.h>
+#include <qz_graph_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZIO>
@@ -26,12 +27,9 @@ namespace {
 // Statistics and weights count up so that every cell is told apart.
 template <typename I, typename V> IO<I, V>* pathModel(I n) {
     IO<I, V>* io = new IO<I, V>();
-    I* el = (I*)malloc(sizeof(I) * 2 * n);
-    for (I e = 0; e + 1 < n; ++e) {
-        el[2 * e] = e;
-        el[2 * e + 1] = (I)(e + 1);
-    }
-    io->G = new Graph<I>(true, el, n, (I)(n - 1));
+    qztest::EdgeList path;
+    for (size_t e = 0; e + 1 < (size_t)n; ++e) path.push_back({e, e + 1});
+    io->G = qztest::makeGraph<I>(n, path).release();
     io->Y = new I[n];
     io->Xnames = new std::vector<std::string>();
     io->Ynames = new std::vector<std::vector<std::string>*>();
@@ -369,19 +367,20 @@ TEST(VmModel, StoreGraphExportsTheModelsGraph) {
                        "GFN " + quoted(fg), "FMT FG;", "STORE GPT;"});
         EXPECT_EQ(readFile(adj), "0,1,0\n1,0,1\n0,1,0\n");
         EXPECT_EQ(readFile(tgf), "1 V0\n2 V1\n3 V2\n#\n1 2\n2 3\n");
-        const std::string f = readFile(fg);
-        const std::string head = "2\n\n2\n0 1\n2 3\n6\n0 1\n";
-        EXPECT_EQ(f.substr(0, head.size()), head);
+        // Weights 2i: the factor of edge (0, 1) lists exp(w[3x + y]) at 2y + x,
+        // that of edge (1, 2) exp(w[6 + 2x + y]) at 3y + x.
+        EXPECT_EQ(readFile(fg),
+                  "2\n\n"
+                  "2\n0 1\n2 3\n6\n0 1\n1 403.429\n2 7.38906\n3 2980.96\n4 54.5982\n5 22026.5\n\n"
+                  "2\n1 2\n3 2\n6\n0 162755\n1 8.88611e+06\n2 4.85165e+08\n3 1.2026e+06\n4 6.566e+07\n"
+                  "5 3.58491e+09\n\n");
         // The graph is the context's as well; keep it for the end of the test.
         wreg(ctx, "GPT", 0);
     }
 }
 
 TEST(VmModel, StoreGraphWithoutModelFails) {
-    unsigned long* el = (unsigned long*)malloc(sizeof(unsigned long) * 2);
-    el[0] = 0;
-    el[1] = 1;
-    Graph<unsigned long>* G = new Graph<unsigned long>(true, el, 2, 1);
+    Graph<unsigned long>* G = qztest::makeGraph<unsigned long>(2, {{0, 1}}).release();
     for (const char* fmt : {"ADJ", "TGF", "FG"}) {
         const std::string fn = tmpPath(std::string("vm_nomodel_") + fmt);
         std::remove(fn.c_str());
@@ -439,10 +438,7 @@ TEST(VmModel, NewGraphIsAttachedToTheModel) {
     IO<unsigned short, float>* io = pathModel<unsigned short, float>(4);
     Leftovers<unsigned short, float> rest(io);
     // A star around vertex 1 with states 2, 3, 2, 3: 2*3 + 3*2 + 3*3.
-    unsigned short* el = (unsigned short*)malloc(sizeof(unsigned short) * 6);
-    const unsigned short edges[6] = {1, 0, 1, 2, 1, 3};
-    std::memcpy(el, edges, sizeof(edges));
-    Graph<unsigned short>* star = new Graph<unsigned short>(true, el, 4, 3);
+    Graph<unsigned short>* star = qztest::makeGraph<unsigned short>(4, {{1, 0}, {1, 2}, {1, 3}}).release();
     vm_t vm;
     vm.set(vm_t::IDX, (size_t)vm_t::idxUINT16);
     vm.set(vm_t::VAL, (size_t)vm_t::valFLT32);
@@ -535,4 +531,97 @@ TEST(VmModel, SpatioTemporalModelLoadsWithItsSliceGraph) {
     EXPECT_EQ(loaded->E[55], 3.5);
     EXPECT_EQ(loaded->w[0], -2.0);
     EXPECT_EQ(loaded->Xnames->at(5), "f");
+}
+
+TEST(VmModel, StoreWithAPairWithoutInstantiationWritesNothing) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(3);
+    Leftovers<unsigned int, double> rest(io);
+    const std::string mfn = tmpPath("vm_noinst_store.mod"), gfn = tmpPath("vm_noinst_store.tgf");
+    std::remove(mfn.c_str());
+    std::remove(gfn.c_str());
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        wreg(ctx, "GPT", (size_t)rest.G);
+        // An integer value type needs the index type of its width.
+        EXPECT_TRUE(runLines(ctx, {"idx_t UINT32;", "val_t UINT16;", "MFN " + quoted(mfn), "STORE MPT;",
+                                   "GFN " + quoted(gfn), "FMT TGF;", "STORE GPT;"}));
+        for (const std::string& fn : {mfn, gfn}) {
+            FILE* f = std::fopen(fn.c_str(), "rb");
+            EXPECT_EQ(f, nullptr) << fn;
+            if (f) std::fclose(f);
+        }
+        // Nor an index type beyond the four.
+        wreg(ctx, "IDX", 4);
+        EXPECT_TRUE(runLines(ctx, {"val_t FLT64;", "STORE MPT;"}));
+        EXPECT_EQ(std::fopen(mfn.c_str(), "rb"), nullptr);
+        EXPECT_EQ(reg(ctx, "DIM"), 0u);
+        wreg(ctx, "GPT", 0);
+        wreg(ctx, "IDX", vm_t::idxUINT32);
+    }
+}
+
+TEST(VmModel, IndexAndValueTypesAreReadAsBytes) {
+    IO<unsigned int, float>* io = pathModel<unsigned int, float>(3);
+    Leftovers<unsigned int, float> rest(io);
+    Ctx ctx;
+    wreg(ctx, "MPT", (size_t)io);
+    // Only the low byte counts: 0x302 is UINT32, 0x104 is FLT32.
+    wreg(ctx, "IDX", 0x302);
+    wreg(ctx, "VAL", 0x104);
+    EXPECT_EQ(reg(ctx, "DIM"), 12u);
+    wreg(ctx, "VAL", 0x107);
+    EXPECT_EQ(reg(ctx, "DIM"), 0u);
+    wreg(ctx, "VAL", vm_t::valFLT32);
+    wreg(ctx, "IDX", vm_t::idxUINT32);
+}
+
+TEST(VmModel, ExportsReadTheModelsGraphNotTheGraphRegister) {
+    IO<unsigned short, double>* io = pathModel<unsigned short, double>(3);
+    Leftovers<unsigned short, double> rest(io);
+    // Another graph in GPT: a triangle. The exports still write the path.
+    Graph<unsigned short>* other = qztest::makeGraph<unsigned short>(3, {{0, 1}, {1, 2}, {2, 0}}).release();
+    const std::string fn = tmpPath("vm_exp_container.tgf");
+    std::remove(fn.c_str());
+    {
+        Ctx ctx;
+        wreg(ctx, "MPT", (size_t)io);
+        wreg(ctx, "GPT", (size_t)other);
+        runLines(ctx, {"idx_t UINT16;", "val_t FLT64;", "GFN " + quoted(fn), "FMT TGF;", "STORE GPT;"});
+        EXPECT_EQ(readFile(fn), "1 V0\n2 V1\n3 V2\n#\n1 2\n2 3\n");
+        runLines(ctx, {"FMT ADJ;", "OVW true", "STORE GPT;"});
+        EXPECT_EQ(readFile(fn), "0,1,0\n1,0,1\n0,1,0\n");
+    }
+}
+
+TEST(VmModel, FailedLoadLeavesTheRegistersAsTheyWere) {
+    // A valid model first.
+    IO<unsigned long, double>* first = pathModel<unsigned long, double>(3);
+    const std::string good = tmpPath("vm_good.mod");
+    first->store(good);
+    dispose(first);
+    // Then one whose dim is too big for the address space.
+    std::string bad = readFile(good);
+    // dim stands before E (7 + 12 values) and w (12 values).
+    const size_t dimAt = bad.size() - (19 + 12) * sizeof(double) - sizeof(unsigned long);
+    const unsigned long huge = 1ul << 62;
+    std::memcpy(&bad[dimAt], &huge, sizeof(huge));
+    const std::string badFn = tmpPath("vm_bad.mod");
+    writeFile(badFn, bad);
+
+    Ctx ctx;
+    runLines(ctx, {"idx_t UINT64;", "val_t FLT64;", "MFN " + quoted(good), "LDX MPT;"});
+    const size_t mpt = reg(ctx, "MPT"), gpt = reg(ctx, "GPT"), lpt = reg(ctx, "LPT");
+    ASSERT_NE(mpt, 0u);
+    wreg(ctx, "GRA", 2);
+    wreg(ctx, "REP", 0);
+    wreg(ctx, "NXX", 5);
+    EXPECT_THROW(runLines(ctx, {"MFN " + quoted(badFn), "LDX MPT;"}), std::bad_array_new_length);
+    EXPECT_EQ(reg(ctx, "MPT"), mpt);
+    EXPECT_EQ(reg(ctx, "GPT"), gpt);
+    EXPECT_EQ(reg(ctx, "LPT"), lpt);
+    EXPECT_EQ(reg(ctx, "GRA"), 2u);
+    EXPECT_EQ(reg(ctx, "REP"), 0u);
+    EXPECT_EQ(reg(ctx, "NXX"), 5u);
+    EXPECT_EQ(reg(ctx, "DIM"), 12u);
 }
