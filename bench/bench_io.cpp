@@ -84,7 +84,29 @@ void BM_LoadModel(benchmark::State& state) {
     std::remove(fn.c_str());
 }
 
+// One store and one reload per iteration: the round trip a host makes to keep
+// a fitted model. Bytes count the file once each way.
+void BM_StoreAndReload(benchmark::State& state) {
+    IO<I, V>* io = gridModel((I)state.range(0));
+    const std::string fn = benchFile();
+    for (auto _ : state) {
+        io->store(fn);
+        IO<I, V>* back = new IO<I, V>(fn);
+        benchmark::DoNotOptimize(back->w);
+        delete back->G;
+        delete back;
+    }
+    const size_t bytes = fileSize(fn);
+    state.SetBytesProcessed((int64_t)(2 * bytes * state.iterations()));
+    state.counters["file_MB"] = (double)bytes / 1e6;
+    delete io->G;
+    delete[] io->w;
+    delete io;
+    std::remove(fn.c_str());
+}
+
 }  // namespace
 
 BENCHMARK(BM_StoreModel)->Arg(100)->Arg(200)->Arg(300)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_LoadModel)->Arg(100)->Arg(200)->Arg(300)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_StoreAndReload)->Arg(300)->Unit(benchmark::kMillisecond)->UseRealTime();
