@@ -96,6 +96,9 @@ template <typename I, typename V>
 void roundTrip(const std::string& idx, const std::string& val) {
     IO<I, V>* io = pathModel<I, V>(4);
     Leftovers<I, V> rest(io);
+    // The longest names a model file carries.
+    io->Xnames->at(1) = std::string(64, 'x');
+    io->Ynames->at(2)->at(1) = std::string(63, 'y') + "z";
     const std::string fn = tmpPath("vm_rt_" + idx + "_" + val);
     std::remove(fn.c_str());
     const std::vector<std::string> setup = {"idx_t " + idx + ";", "val_t " + val + ";", "MFN " + quoted(fn)};
@@ -111,6 +114,9 @@ void roundTrip(const std::string& idx, const std::string& val) {
         load.push_back("LDX MPT;");
         runLines(ctx2, load);
         checkLoaded<I, V>(ctx2, *io);
+        const IO<I, V>* loaded = reinterpret_cast<const IO<I, V>*>(reg(ctx2, "MPT"));
+        EXPECT_EQ(*loaded->Xnames, *io->Xnames);
+        for (size_t v = 0; v < 4; ++v) EXPECT_EQ(*loaded->Ynames->at(v), *io->Ynames->at(v));
         const std::vector<size_t>* L = reinterpret_cast<const std::vector<size_t>*>(reg(ctx2, "LPT"));
         ASSERT_NE(L, nullptr);
         EXPECT_EQ(*L, (std::vector<size_t>{4, 5, 6}));
@@ -531,6 +537,11 @@ TEST(VmModel, SpatioTemporalModelLoadsWithItsSliceGraph) {
     EXPECT_EQ(loaded->E[55], 3.5);
     EXPECT_EQ(loaded->w[0], -2.0);
     EXPECT_EQ(loaded->Xnames->at(5), "f");
+    // Stored again by the program: the base graph only, and the same bytes.
+    const std::string again = tmpPath("vm_st_again.mod");
+    std::remove(again.c_str());
+    runLines(ctx, {"MFN " + quoted(again), "STORE MPT;"});
+    EXPECT_EQ(readFile(again), readFile(fn));
 }
 
 TEST(VmModel, StoreWithAPairWithoutInstantiationWritesNothing) {
