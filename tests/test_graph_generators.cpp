@@ -225,6 +225,13 @@ TEST(GeneratorsProgress, KnReportsOnlyFromTheFirstThread) {
     omp_set_num_threads(before);
     // Thread 0 takes the first half of the 190 edges under static division.
     EXPECT_EQ(g_done.size(), 95u);
+    // Both halves are filled: edge e is the pair at place 189 - e of the
+    // lexicographic order.
+    EL lex;
+    for (size_t i = 0; i < 20; ++i)
+        for (size_t j = i + 1; j < 20; ++j) lex.push_back({i, j});
+    std::reverse(lex.begin(), lex.end());
+    EXPECT_EQ(edgeList(G), lex);
     for (size_t i = 0; i < g_done.size(); ++i) {
         EXPECT_LE(g_done[i], 189u);
         EXPECT_EQ(g_total[i], 189u);
@@ -235,6 +242,18 @@ TEST(GeneratorsProgress, KnReportsOnlyFromTheFirstThread) {
 TEST(GeneratorsProgress, KnWithoutCallbackIsFine) {
     Kn<unsigned long> G(3, nullptr);
     EXPECT_EQ(edgeList(G), (EL{{1, 2}, {0, 2}, {0, 1}}));
+}
+
+TEST(GeneratorsOwnership, EveryGeneratorOwnsItsList) {
+    Chain<unsigned int> c(3);
+    Star<unsigned int> s(3, 0);
+    Grid<unsigned int> g(2);
+    Kn<unsigned int> k(3, nullptr);
+    RBMGraph<unsigned int> r(std::vector<size_t>{1, 1});
+    for (const Graph<unsigned int>* G : std::vector<const Graph<unsigned int>*>{&c, &s, &g, &k, &r}) {
+        EXPECT_TRUE(G->myA);
+        EXPECT_NE(G->getA(), nullptr);
+    }
 }
 
 TEST(GeneratorsMem, GeneratorsReportTheGraphFigure) {
