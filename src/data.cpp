@@ -187,6 +187,10 @@ void CategoricalCSVData::read(std::istream& inF) {
     size_t rowsRead = 0, firstLen = 0;
     std::string tok;
     const size_t ALL = ~(size_t)0;
+    // Read once: the loop grows states, which the compiler cannot tell apart
+    // from these fields.
+    const bool locked = states_locked, shared = sharedStates;
+    const char mis = missingChar;
     while (more()) {
         std::getline(inF, line);
         if (line.empty()) continue;
@@ -197,10 +201,10 @@ void CategoricalCSVData::read(std::istream& inF) {
             tok.assign(line, start, end - start);
             size_t mappedVal = ALL;
             // Checked access: an empty token ends the read with out_of_range.
-            if (tok.at(0) != missingChar) {
+            if (tok.at(0) != mis) {
                 size_t idx = col;
-                if (!states_locked) {
-                    if (sharedStates) idx = 0;
+                if (!locked) {
+                    if (shared) idx = 0;
                     while (!(idx < states.size())) states.push_back(new std::map<std::string, size_t>());
                     std::map<std::string, size_t>& m = *states[idx];
                     auto it = m.find(tok);
