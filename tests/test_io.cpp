@@ -25,6 +25,8 @@ struct HeapLog {
     static constexpr size_t CAP = 4096;
     bool on = false;
     size_t made = 0, n = 0;
+    // While watching, the allocation with this number fails as if memory ran out.
+    size_t failAt = (size_t)-1;
     const void* m[CAP] = {};
     const void* p[CAP] = {};
     void start() {
@@ -55,6 +57,10 @@ struct HeapLog {
 HeapLog heapLog;
 
 void* allocate(size_t n) {
+    if (heapLog.on && heapLog.made == heapLog.failAt) {
+        heapLog.failAt = (size_t)-1;
+        throw std::bad_alloc();
+    }
     void* p = std::malloc(n != 0 ? n : 1);
     if (p == nullptr) throw std::bad_alloc();
     heapLog.noteMade(p);
@@ -494,6 +500,44 @@ TEST(IO, TruncatedFileKeepsZeros) {
 }
 
 namespace {
+
+// Each allocation of the reader in turn fails: whichever it is, the
+// exception leaves the constructor and all that was built is released, the
+// graphs of a spatio-temporal model included.
+TEST(IO, AFailingAllocationAnywhereInTheReaderReleasesAllItBuilt) {
+    for (unsigned int T : {1u, 3u}) {
+        Graph<unsigned int>* base = newGraph<unsigned int>(3, {{0, 1}, {1, 2}});
+        STGraph<unsigned int>* st = T > 1 ? new STGraph<unsigned int>(base, T) : nullptr;
+        IO<unsigned int, float>* io = build<unsigned int, float>(st != nullptr ? (AbstractGraph<unsigned int>*)st : base, {2, 3});
+        io->T = T;
+        io->H = st != nullptr ? base : nullptr;
+        io->Xnames->at(0) = std::string(40, 'n');  // a name on the heap of its own
+        const std::string fn = tmpPath("io_failing_" + std::to_string(T));
+        io->store(fn);
+        release(io, true);
+
+        size_t k = 0;
+        for (;; ++k) {
+            bool failed = false;
+            heapLog.start();
+            heapLog.failAt = k;
+            try {
+                IO<unsigned int, float> back(fn);
+                delete back.G;
+                delete back.H;
+            } catch (const std::bad_alloc&) {
+                failed = true;
+            }
+            heapLog.stop();
+            heapLog.failAt = (size_t)-1;
+            // Freed in the end either way; with a failure, before the exception arrived.
+            EXPECT_TRUE(heapLog.balanced()) << "T = " << T << ", allocation " << k;
+            if (!failed) break;
+        }
+        // The reader allocates: the graph or two, Y, the name lists, woff, E and w.
+        EXPECT_GT(k, 8u) << "T = " << T;
+    }
+}
 
 // What a destructor releases, told pointer by pointer from the free log.
 struct Parts {
