@@ -7,6 +7,7 @@
 
 #include <QZ/QZIO>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -727,4 +728,35 @@ TEST(IO, ReconfigureReleasesTheOldGraphAndArrays) {
         delete[] io->w;
         delete io;
     }
+}
+
+TEST(IO, TypeCodesOfAFileAreTakenNotCompared) {
+    Graph<unsigned int>* G = newGraph<unsigned int>(3, {{0, 1}, {1, 2}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2, 3});
+    const std::string fn = tmpPath("io_codes");
+    io->store(fn);
+    std::string bytes = readFile(fn);
+    EXPECT_EQ(bytes[0], '\2');
+    EXPECT_EQ(bytes[1], '\5');
+    // Codes of another instantiation: read as they stand, the rest as usual.
+    bytes[0] = '\0';
+    bytes[1] = '\4';
+    writeFile(fn, bytes);
+    IO<unsigned int, double>* back = new IO<unsigned int, double>(fn);
+    EXPECT_EQ(back->itype, 0);
+    EXPECT_EQ(back->vtype, 4);
+    back->itype = 2;
+    back->vtype = 5;
+    expectSameModel(*io, *back);
+    release(io, true);
+    release(back, false);
+}
+
+TEST(IO, StoringWhereNoFileCanBeMadeReportsNothing) {
+    Graph<unsigned short>* G = newGraph<unsigned short>(2, {{0, 1}});
+    IO<unsigned short, float>* io = build<unsigned short, float>(G, {2});
+    const std::string fn = tmpPath("no_such_directory/model");
+    EXPECT_NO_THROW(io->store(fn));
+    EXPECT_EQ(std::fopen(fn.c_str(), "rb"), nullptr);
+    release(io, true);
 }

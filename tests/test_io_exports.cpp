@@ -7,6 +7,7 @@
 #include <QZ/QZIO>
 
 #include <cmath>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -194,4 +195,13 @@ TEST(Exports, AdjacencyReadsBackAsTheSameGraph) {
     delete[] A;
     // Same edges, now in ascending order with the smaller vertex first.
     EXPECT_EQ(qztest::edgeList(back), (qztest::EdgeList{{0, 4}, {1, 3}, {1, 4}, {2, 3}}));
+}
+
+TEST(Exports, NoFailedOpenIsReported) {
+    Model<unsigned int, double> m(2, {{0, 1}}, {2, 2}, {"a", "b"});
+    const std::string fn = tmpPath("no_such_directory/graph");
+    EXPECT_NO_THROW(m.io.storeADJ(fn));
+    EXPECT_NO_THROW(m.io.storeTGF(fn));
+    EXPECT_NO_THROW(m.io.storeFG(fn));
+    EXPECT_EQ(std::fopen(fn.c_str(), "rb"), nullptr);
 }

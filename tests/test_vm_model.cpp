@@ -636,3 +636,63 @@ TEST(VmModel, FailedLoadLeavesTheRegistersAsTheyWere) {
     EXPECT_EQ(reg(ctx, "NXX"), 5u);
     EXPECT_EQ(reg(ctx, "DIM"), 12u);
 }
+
+TEST(VmModel, StoreChecksTheirFileNames) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(2);
+    Leftovers<unsigned int, double> rest(io);
+    const std::string gfn = tmpPath("vm_exists.tgf");
+    writeFile(gfn, "old");
+    {
+        // Failed runs wedge their contexts, which then release nothing.
+        Ctx a;
+        wreg(a, "MPT", (size_t)io);
+        try {
+            runLines(a, {"STORE MPT;"});
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_STREQ(e.what(), "no model filename provided");
+        }
+        Ctx b;
+        wreg(b, "MPT", (size_t)io);
+        wreg(b, "GPT", (size_t)rest.G);
+        try {
+            runLines(b, {"GFN " + quoted(gfn), "FMT TGF;", "STORE GPT;"});
+            FAIL() << "no exception";
+        } catch (const std::logic_error& e) {
+            EXPECT_STREQ(e.what(), "overwrite disabled but graphfile exists");
+        }
+        EXPECT_EQ(readFile(gfn), "old");
+    }
+    // The same program may overwrite with OVW.
+    Ctx c;
+    wreg(c, "MPT", (size_t)io);
+    wreg(c, "GPT", (size_t)rest.G);
+    runLines(c, {"idx_t UINT32;", "val_t FLT64;", "GFN " + quoted(gfn), "FMT TGF;", "OVW true", "STORE GPT;"});
+    EXPECT_EQ(readFile(gfn), "1 V0\n2 V1\n#\n1 2\n");
+    wreg(c, "GPT", 0);
+}
+
+TEST(VmModel, DryPassChecksStoresButWritesNothing) {
+    IO<unsigned int, double>* io = pathModel<unsigned int, double>(2);
+    Leftovers<unsigned int, double> rest(io);
+    const std::string mfn = tmpPath("vm_dry_store.mod"), gfn = tmpPath("vm_dry_store.adj");
+    std::remove(mfn.c_str());
+    std::remove(gfn.c_str());
+    vm_t vm;
+    vm.set(vm_t::IDX, (size_t)vm_t::idxUINT32);
+    vm.set(vm_t::VAL, (size_t)vm_t::valFLT64);
+    vm.set(vm_t::MPT, (void*)io);
+    vm.set(vm_t::GPT, (void*)rest.G);
+    vm.setCode(new std::vector<std::string>{"MFN " + quoted(mfn), "STORE MPT;", "GFN " + quoted(gfn), "FMT FG;",
+                                            "STORE GPT;"});
+    EXPECT_TRUE(vm.parse(true));
+    for (const std::string& fn : {mfn, gfn}) {
+        FILE* f = std::fopen(fn.c_str(), "rb");
+        EXPECT_EQ(f, nullptr) << fn;
+        if (f) std::fclose(f);
+    }
+    // The checks still run: a missing file name fails in the dry pass too.
+    vm.setCode(new std::vector<std::string>{"DEL MFN;", "STORE MPT;"});
+    EXPECT_THROW(vm.parse(true), std::logic_error);
+    vm.set(vm_t::GPT, (void*)nullptr);
+}
