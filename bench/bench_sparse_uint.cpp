@@ -20,34 +20,18 @@ std::vector<unsigned> randomExponents(unsigned range, unsigned offset = 0) {
     return e;
 }
 
-// 10^6 random powers 2^x, x below the argument, into one value by p2x.
-void BM_P2xRandomPowers(benchmark::State& state) {
-    const std::vector<unsigned> e = randomExponents((unsigned)state.range(0));
+// The powers 2^x for the exponents e, added one by one into one value by p2x.
+void addByP2x(benchmark::State& state, const std::vector<unsigned>& e) {
     for (auto _ : state) {
         QZ::sparse_uint_t<unsigned> x;
         for (unsigned p : e) x.p2x(p);
         benchmark::DoNotOptimize(x.data()->size());
     }
-    state.SetItemsProcessed(state.iterations() * (int64_t)ADDS);
+    state.SetItemsProcessed(state.iterations() * (int64_t)e.size());
 }
-BENCHMARK(BM_P2xRandomPowers)->Arg(64)->Arg(1 << 12)->Arg(1 << 20)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
-
-// 10^6 random powers among 64 positions starting at the argument: the same
-// bit pattern at a small and at a huge magnitude.
-void BM_P2xPowersAtOffset(benchmark::State& state) {
-    const std::vector<unsigned> e = randomExponents(64, (unsigned)state.range(0));
-    for (auto _ : state) {
-        QZ::sparse_uint_t<unsigned> x;
-        for (unsigned p : e) x.p2x(p);
-        benchmark::DoNotOptimize(x.data()->size());
-    }
-    state.SetItemsProcessed(state.iterations() * (int64_t)ADDS);
-}
-BENCHMARK(BM_P2xPowersAtOffset)->Arg(0)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
 
 // The same powers, each as an object of its own added by operator+=.
-void BM_AddSparseRandomPowers(benchmark::State& state) {
-    const std::vector<unsigned> e = randomExponents((unsigned)state.range(0));
+void addObjects(benchmark::State& state, const std::vector<unsigned>& e) {
     std::vector<QZ::sparse_uint_t<unsigned>> terms(e.size());
     for (size_t i = 0; i < e.size(); ++i) terms[i].p2x(e[i]);
     for (auto _ : state) {
@@ -55,9 +39,31 @@ void BM_AddSparseRandomPowers(benchmark::State& state) {
         for (const QZ::sparse_uint_t<unsigned>& t : terms) x += t;
         benchmark::DoNotOptimize(x.data()->size());
     }
-    state.SetItemsProcessed(state.iterations() * (int64_t)ADDS);
+    state.SetItemsProcessed(state.iterations() * (int64_t)e.size());
+}
+
+// 10^6 random powers 2^x, x below the argument, into one value by p2x.
+void BM_P2xRandomPowers(benchmark::State& state) { addByP2x(state, randomExponents((unsigned)state.range(0))); }
+BENCHMARK(BM_P2xRandomPowers)->Arg(64)->Arg(1 << 12)->Arg(1 << 20)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
+
+// 10^6 random powers among 64 positions starting at the argument: the same
+// bit pattern at a small and at a huge magnitude.
+void BM_P2xPowersAtOffset(benchmark::State& state) {
+    addByP2x(state, randomExponents(64, (unsigned)state.range(0)));
+}
+BENCHMARK(BM_P2xPowersAtOffset)->Arg(0)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
+
+// As BM_P2xRandomPowers, by operator+= of single-power objects.
+void BM_AddSparseRandomPowers(benchmark::State& state) {
+    addObjects(state, randomExponents((unsigned)state.range(0)));
 }
 BENCHMARK(BM_AddSparseRandomPowers)->Arg(64)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
+
+// As BM_P2xPowersAtOffset, by operator+= of single-power objects.
+void BM_AddSparsePowersAtOffset(benchmark::State& state) {
+    addObjects(state, randomExponents(64, (unsigned)state.range(0)));
+}
+BENCHMARK(BM_AddSparsePowersAtOffset)->Arg(0)->Arg(1 << 30)->Unit(benchmark::kMillisecond);
 
 // Every 3-subset of 64 elements ranked and unranked again.
 template <typename idx_t> void BM_RankUnrank3Of64(benchmark::State& state) {
