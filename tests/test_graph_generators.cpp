@@ -81,6 +81,11 @@ TYPED_TEST(Generators, GridOfSideOneHasNoEdge) {
     Grid<TypeParam> G(1);
     EXPECT_EQ((size_t)G.vertices(), 1u);
     EXPECT_EQ((size_t)G.edges(), 0u);
+    EXPECT_EQ((size_t)G.num_neighbors(0), 0u);
+    // Side 0: 2*0*(0-1) is 0 in every width, not a wrapped count.
+    Grid<TypeParam> H(0);
+    EXPECT_EQ((size_t)H.vertices(), 0u);
+    EXPECT_EQ((size_t)H.edges(), 0u);
 }
 
 TYPED_TEST(Generators, GridOfSideTwo) {
