@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <set>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -141,6 +142,19 @@ TEST(Orders, UnnumberedWeightedOrderStableSortTurnsEqualsAround) {
     std::vector<std::pair<unsigned, unsigned>> u{{0, 1}, {1, 1}, {2, 1}, {3, 1}};
     std::stable_sort(u.begin(), u.end(), oz);
     for (unsigned i = 0; i < 4; ++i) EXPECT_EQ(u[i].first, 3 - i);
+}
+
+TYPED_TEST(SetOpsTyped, ResultTypes) {
+    typedef TypeParam T;
+    const std::set<T> A{1};
+    const std::set<T>* pa = &A;
+    static_assert(std::is_same<decltype(is_subset(pa, pa)), bool>::value, "");
+    static_assert(std::is_same<decltype(intersect_size(pa, pa)), T>::value, "a count in the index type");
+    static_assert(std::is_same<decltype(intersect(pa, pa)), std::set<T>*>::value, "a set the caller owns");
+    std::set<T>* R = intersect(pa, pa);
+    EXPECT_NE(R, pa);
+    EXPECT_EQ(*R, A);
+    delete R;
 }
 
 // ---- set operations ----

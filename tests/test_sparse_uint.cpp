@@ -8,6 +8,7 @@
 #include <limits>
 #include <random>
 #include <set>
+#include <type_traits>
 #include <vector>
 
 using QZ::sparse_uint_t;
@@ -145,6 +146,35 @@ TYPED_TEST(SparseUintTyped, SingletonRanksAreNotInverses) {
     x.from_combinatorial_index(1, 5, 1);
     EXPECT_EQ(*x.data(), S<TypeParam>({3}));
     EXPECT_EQ(x.combinatorial_index(5, 1), (TypeParam)3);
+}
+
+TYPED_TEST(SparseUintTyped, InterfaceTypes) {
+    typedef TypeParam T;
+    typedef sparse_uint_t<T> U;
+    U x;
+    const U& c = x;
+    static_assert(std::is_same<decltype(c.bl()), T>::value, "bit length in the index type");
+    static_assert(std::is_same<decltype(c.has((T)0)), bool>::value, "");
+    static_assert(std::is_same<decltype(c.combinatorial_index((T)5, (T)2)), T>::value, "");
+    static_assert(std::is_same<decltype(x.from_combinatorial_index((T)0, (T)5, (T)2)), void>::value, "");
+    static_assert(std::is_same<decltype(c.data()), const std::set<T>*>::value, "");
+    static_assert(std::is_same<decltype(x.data_rw()), std::set<T>*>::value, "");
+    static_assert(std::is_same<decltype(c.to_double()), double>::value, "");
+    static_assert(std::is_same<decltype(c.to_uint64()), unsigned long long>::value, "");
+    static_assert(std::is_same<decltype(c.compare(c)), int>::value, "");
+    static_assert(std::is_same<decltype(c.compare((T)0)), int>::value, "");
+    static_assert(std::is_same<decltype(x += (T)1), U&>::value, "");
+    static_assert(std::is_same<decltype(x += c), U&>::value, "");
+    static_assert(std::is_same<decltype(x <<= (T)1), U&>::value, "");
+    static_assert(std::is_same<decltype(x >>= (T)1), U&>::value, "");
+    static_assert(std::is_same<decltype(x *= (T)3), U&>::value, "");
+    static_assert(std::is_same<decltype(x = (T)3), U&>::value, "");
+    static_assert(std::is_same<decltype(c * (T)3), U>::value, "");
+    static_assert(std::is_same<decltype(c << (T)3), U>::value, "");
+    static_assert(std::is_same<decltype(x.p2x((T)0)), void>::value, "");
+    static_assert(std::is_same<decltype(QZ::bl<T>((T)0)), T>::value, "");
+    static_assert(std::is_nothrow_move_constructible<U>::value, "a move only takes the pointer");
+    EXPECT_TRUE(x.data()->empty());
 }
 
 // ---- bit length, p2x, construction ----
