@@ -174,6 +174,7 @@ TYPED_TEST(SparseUintTyped, InterfaceTypes) {
     static_assert(std::is_same<decltype(x.p2x((T)0)), void>::value, "");
     static_assert(std::is_same<decltype(QZ::bl<T>((T)0)), T>::value, "");
     static_assert(std::is_nothrow_move_constructible<U>::value, "a move only takes the pointer");
+    static_assert(!std::is_polymorphic<U>::value && sizeof(U) == sizeof(void*), "the set pointer is all there is");
     EXPECT_TRUE(x.data()->empty());
 }
 
