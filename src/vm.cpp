@@ -406,8 +406,8 @@ bool vm_t::parse(bool _noexec) {
     // A context that never received a program runs an empty one.
     if (code == nullptr) return ok;
     while (get(LNN) < code->size() && ok) {
-        const std::string line = code->at(get(LNN));
-        ok = parse0(line);
+        // parse0 takes its own copy of the line.
+        ok = parse0(code->at(get(LNN)));
         if (ok) set(LNN, get(LNN) + 1);
     }
     return ok;

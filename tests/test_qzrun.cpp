@@ -99,6 +99,45 @@ TEST(Qzrun, PrintsRealsAsNumbers) {
     EXPECT_EQ(r.out, "GP0=0.1\nGP1=-2.5e-07\nEPO=1e-06\n");
 }
 
+TEST(Qzrun, WritesComeBeforeTheRun) {
+    const std::string p = program("before", "MOV GP0 KXX;\nADD GP0 LAM;\n");
+    const Result r = qzrun({p, "-r", "KXX=3", "-r", "LAM=0.5", "-r", "HPT=4096", "-p", "GP0", "-p", "HPT"}, "before");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "GP0=3.5\nHPT=4096\n");
+}
+
+TEST(Qzrun, PrintsEveryKind) {
+    const std::string p = program("printkinds", "MIS '-'\nHED false\n");
+    const Result r = qzrun({p, "-p", "ONE", "-p", "MIS", "-p", "HED", "-p", "GPT", "-p", "DFN", "-p", "MVA", "-p",
+                            "LNN"},
+                           "printkinds");
+    EXPECT_EQ(r.code, 0) << r.err;
+    // MVA holds the integer bits 255, which as a double are a denormal.
+    EXPECT_EQ(r.out, "ONE=1\nMIS=-\nHED=false\nGPT=0\nDFN=\nMVA=1.25986739689518e-321\nLNN=2\n");
+}
+
+TEST(Qzrun, ErrorInsideALoopNamesTheFailingLine) {
+    const std::string p = program("loop", "BRR 0\nINC KXX;\nBLT KXX MIO BRR;\nPOP GP0;\n");
+    const Result r = qzrun({p}, "loop");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "error at line 4: POP on an empty stack\n");
+}
+
+TEST(Qzrun, BadPointerInAProgramIsAnErrorNotACrash) {
+    // A number written into a pointer register is followed as a graph.
+    const std::string p = program("badptr", "KXX 2\nGPT 8\nMOV KXX GVX;\n");
+    const Result r = qzrun({p, "-p", "KXX"}, "badptr");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err.rfind("error at line 3: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_EQ(r.out, "");
+    // The same through a string popped into the pointer register.
+    const std::string q = program("badptr2", "NAM 'x'\nPUSH NAM;\nPOP GPT;\nMOV KXX GEX;\n");
+    const Result r2 = qzrun({q}, "badptr2");
+    EXPECT_EQ(r2.code, 1);
+    EXPECT_EQ(r2.err.rfind("error at line 4: ", 0), 0u) << r2.err;
+}
+
 TEST(Qzrun, RefusedSeparatorIsAnError) {
     const std::string p = program("sep", "INC KXX;\n");
     const Result r = qzrun({p, "-r", "SEP=|"}, "sep");
