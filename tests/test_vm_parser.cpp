@@ -558,23 +558,213 @@ TEST(Parser, MnemonicsMapToTheirOpValues) {
     EXPECT_EQ(actual, expected);
 }
 
-TEST(Parser, RegisterKindsFollowTheTable) {
-    Ctx c;
-    vm_t* vm = vmOf(c);
-    EXPECT_EQ(vm->V2T.at(vm_t::EAP), vm_t::POINTER);
-    EXPECT_EQ(vm->V2T.at(vm_t::SEP), vm_t::CHAR);
-    EXPECT_EQ(vm->V2T.at(vm_t::MIS), vm_t::CHAR);
-    EXPECT_EQ(vm->V2T.at(vm_t::LAM), vm_t::REAL);
-    EXPECT_EQ(vm->V2T.at(vm_t::MFN), vm_t::STRING);
-    EXPECT_EQ(vm->V2T.at(vm_t::TRE), vm_t::BOOL);
-    EXPECT_EQ(vm->V2T.at(vm_t::NNN), vm_t::INTEGER);
-    EXPECT_EQ(vm->V2T.at(vm_t::LPT), vm_t::POINTER);
-    EXPECT_EQ((int)vm_t::NNN, 65);
-    EXPECT_EQ((int)vm_t::TRE, 110);
+TEST(Parser, ExactLookupForHosts) {
     vm_t::VarType v;
     vm_t::TypeType t;
     ASSERT_TRUE(vm_t::lookupRegister("TREE", v, t));
     EXPECT_EQ(v, vm_t::TRE);
     EXPECT_EQ(t, vm_t::BOOL);
     EXPECT_FALSE(vm_t::lookupRegister("TRE", v, t));
+}
+
+TEST(Parser, RegisterTableRowByRow) {
+    constexpr vm_t::TypeType I = vm_t::INTEGER, R = vm_t::REAL, S = vm_t::STRING, B = vm_t::BOOL,
+                             P = vm_t::POINTER, C = vm_t::CHAR;
+    const std::vector<std::tuple<std::string, int, vm_t::TypeType>> expected = {
+        {"EAP", 105, P}, {"EIP", 103, P}, {"YYY", 113, P}, {"CBO", 106, P}, {"CBU", 108, P}, {"CPR", 109, P},
+        {"CBP", 107, P}, {"EXT0", 111, P}, {"EXT1", 112, P}, {"EDP", 104, P}, {"FMT", 1, I}, {"SNK", 102, I},
+        {"OPT", 2, I}, {"REP", 3, I}, {"INF", 4, I}, {"GRA", 43, I}, {"CEN", 73, I}, {"GPX", 0, I}, {"SEED", 72, I},
+        {"DEV", 5, I}, {"MIO", 6, I}, {"MIL", 7, I}, {"KXX", 8, I}, {"DEG", 9, I}, {"TXX", 11, I}, {"GNU", 12, I},
+        {"GBR", 13, I}, {"GRE", 14, I}, {"OMP", 46, I}, {"GVX", 53, I}, {"ONE", 69, I}, {"DIM", 59, I},
+        {"GEX", 54, I}, {"PPX", 15, B}, {"PGX", 16, B}, {"YYC", 96, B}, {"HED", 17, B}, {"DRP", 18, B},
+        {"NOOP", 44, B}, {"DRY", 19, B}, {"RST", 20, B}, {"RET", 21, B}, {"LSN", 23, I}, {"COL", 24, I},
+        {"DBG", 25, I}, {"OVW", 47, B}, {"SEP", 26, C}, {"MIS", 27, C}, {"LAM", 28, R}, {"ELAM", 100, R},
+        {"EPL", 29, R}, {"EPO", 30, R}, {"STP", 31, R}, {"SDE", 45, R}, {"PEL", 92, R}, {"MVA", 32, R},
+        {"OVA", 33, R}, {"GP0", 48, R}, {"GP1", 49, R}, {"GP2", 50, R}, {"RND", 60, R}, {"UNI", 61, R},
+        {"RES", 51, R}, {"RNU", 34, I}, {"LNN", 62, I}, {"MFN", 38, S}, {"DFN", 40, S}, {"OTHERFN", 97, S},
+        {"GFN", 39, S}, {"GPS", 63, S}, {"NAM", 95, S}, {"MPT", 36, P}, {"GPT", 37, P}, {"DPT", 10, P},
+        {"LPT", 52, P}, {"PPT", 71, P}, {"HPT", 66, P}, {"GP3", 55, R}, {"GP4", 56, R}, {"GP5", 57, R},
+        {"GP6", 64, R}, {"BRR", 58, I}, {"NXX", 65, I}, {"GP7", 67, R}, {"GP8", 68, R}, {"GP9", 70, R},
+        {"HP0", 74, R}, {"HP1", 75, R}, {"HP2", 76, R}, {"HP3", 77, R}, {"HP4", 78, R}, {"HP5", 79, R},
+        {"HP6", 80, R}, {"HP7", 81, R}, {"HP8", 82, R}, {"HP9", 83, R}, {"LFN", 85, S}, {"ITR", 89, I},
+        {"NLL", 87, R}, {"NNZ", 86, I}, {"IDX", 41, I}, {"VAL", 42, I}, {"RTT", 90, I}, {"NAB", 91, R},
+        {"ERR", 88, R}, {"LNZ", 93, R}, {"PAM", 101, R}, {"INI", 99, B}, {"TREE", 110, B}, {"SLW", 94, B}};
+    Ctx c;
+    vm_t* vm = vmOf(c);
+    ASSERT_EQ(vm->VARS.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        const std::string& name = std::get<0>(expected[i]);
+        EXPECT_EQ(std::get<0>(vm->VARS[i]), name) << "row " << i;
+        EXPECT_EQ((int)std::get<1>(vm->VARS[i]), std::get<1>(expected[i])) << name;
+        EXPECT_EQ(std::get<2>(vm->VARS[i]), std::get<2>(expected[i])) << name;
+        // The kind map agrees with the row, and the register is in the file.
+        EXPECT_EQ(vm->V2T.at(std::get<1>(vm->VARS[i])), std::get<2>(expected[i])) << name;
+        EXPECT_EQ(vm->VS.count(std::get<1>(vm->VARS[i])), 1u) << name;
+    }
+    EXPECT_EQ((int)vm_t::LAY, 35);
+    EXPECT_EQ((int)vm_t::UNKNOWN, 200);
+    EXPECT_EQ(vm->VS.count(vm_t::LAY), 0u);
+}
+
+namespace {
+
+// A keyword with the register it sets and its table of names in order.
+struct Keyword {
+    std::string word;
+    const char* reg;
+    std::vector<std::pair<std::string, size_t>> rows;
+};
+
+const std::vector<Keyword>& keywords() {
+    static const std::vector<Keyword> K = {
+        {"idx_t", "IDX", {{"UINT8", 0}, {"UINT16", 1}, {"UINT32", 2}, {"UINT64", 3}}},
+        {"val_t",
+         "VAL",
+         {{"UINT8", 0}, {"UINT16", 1}, {"UINT32", 2}, {"UINT64", 3}, {"FLT32", 4}, {"FLT64", 5}, {"FLTMPREC", 6}}},
+        {"ALG", "INF", {{"LBP", 0}, {"JT", 1}, {"SQM", 2}, {"EXTI", 3}}},
+        {"ALG", "OPT", {{"GD", 4}, {"PL1", 5}, {"FL1", 6}, {"EA11", 7}, {"IGD", 8}, {"EXTO", 9}}},
+        {"REP",
+         "REP",
+         {{"NONE", 0},
+          {"STLINEAR", 1},
+          {"STQUAD", 2},
+          {"STCUBIC", 3},
+          {"STRATIONAL", 4},
+          {"STEXPONENTIAL", 5},
+          {"STINVQUAD", 6},
+          {"STINVCUBIC", 7},
+          {"STINVRATIONAL", 8},
+          {"STINVEXPONENTIAL", 9},
+          {"INTEGER", 10},
+          {"DBT", 11},
+          {"ISING", 12}}},
+        {"FMT", "FMT", {{"ADJ", 0}, {"TGF", 1}, {"FG", 2}}},
+        {"GRA",
+         "GRA",
+         {{"FILE", 0},
+          {"CHAIN", 1},
+          {"GRID", 2},
+          {"STAR", 3},
+          {"RBM", 4},
+          {"FULL", 5},
+          {"CHOWLIU", 6},
+          {"ELEMGM", 7},
+          {"OTHER", 8},
+          {"JT", 9},
+          {"DBT", 10},
+          {"ST", 11},
+          {"CLIQUES", 12},
+          {"RNDCLIQUES", 13}}},
+    };
+    return K;
+}
+
+template <typename T> std::vector<std::pair<std::string, size_t>> rowsOf(const std::vector<std::pair<std::string, T>>& L) {
+    std::vector<std::pair<std::string, size_t>> r;
+    for (const auto& p : L) r.emplace_back(p.first, (size_t)p.second);
+    return r;
+}
+
+}  // namespace
+
+TEST(Parser, NameTablesRowByRow) {
+    Ctx c;
+    vm_t* vm = vmOf(c);
+    const auto& K = keywords();
+    EXPECT_EQ(rowsOf(vm->IdxL), K[0].rows);
+    EXPECT_EQ(rowsOf(vm->ValL), K[1].rows);
+    EXPECT_EQ(rowsOf(vm->InfL), K[2].rows);
+    EXPECT_EQ(rowsOf(vm->OptL), K[3].rows);
+    EXPECT_EQ(rowsOf(vm->RepL), K[4].rows);
+    EXPECT_EQ(rowsOf(vm->FmtL), K[5].rows);
+    EXPECT_EQ(rowsOf(vm->GraL), K[6].rows);
+}
+
+TEST(Parser, EverySetterNameStoresItsValue) {
+    for (const Keyword& k : keywords())
+        for (const auto& row : k.rows) {
+            Ctx c;
+            // A value that no row has, so that the store is seen.
+            ASSERT_TRUE(wreg(c, k.reg, 77));
+            const std::string line = k.word + " " + row.first + ";";
+            ASSERT_TRUE(runLines(c, {line})) << line;
+            EXPECT_EQ(reg(c, k.reg), row.second) << line;
+        }
+}
+
+TEST(Parser, EverySetterNumberStoresItsValue) {
+    for (const Keyword& k : keywords())
+        for (const auto& row : k.rows) {
+            Ctx c;
+            ASSERT_TRUE(wreg(c, k.reg, 77));
+            const std::string line = k.word + " " + std::to_string(row.second) + ";";
+            ASSERT_TRUE(runLines(c, {line})) << line;
+            EXPECT_EQ(reg(c, k.reg), row.second) << line;
+        }
+    // A number past the last row is in no table.
+    EXPECT_EQ(failure<std::logic_error>({"GRA 14;"}), "parser error");
+    EXPECT_EQ(failure<std::logic_error>({"ALG 10;"}), "parser error");
+    EXPECT_EQ(failure<std::logic_error>({"idx_t 4;"}), "parser error");
+}
+
+TEST(Parser, LongerNamesAfterTheirPrefixInATable) {
+    // STAR stands before ST in the graph table and is found first; ST alone is row 11.
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"GRA STAR;"}));
+    EXPECT_EQ(reg(c, "GRA"), 3u);
+    ASSERT_TRUE(runLines(c, {"GRA ST;"}));
+    EXPECT_EQ(reg(c, "GRA"), 11u);
+}
+
+TEST(Parser, AliasLookupAddsEmptyEntries) {
+    Ctx c;
+    vm_t* vm = vmOf(c);
+    EXPECT_EQ(vm->ALIAS.size(), 1u);
+    // The spellings of a row are tried only when its text does not match:
+    // the last row is found after every row before it got an entry.
+    ASSERT_TRUE(runLines(c, {"SLW 1"}));
+    EXPECT_EQ(vm->ALIAS.size(), 109u);
+    EXPECT_EQ(vm->ALIAS.count(vm_t::SLW), 0u);
+    // A name that no row has passes every row.
+    size_t pos = 0;
+    EXPECT_EQ(vm->getVar("FOO 1", pos), vm_t::UNKNOWN);
+    EXPECT_EQ(pos, 0u);
+    EXPECT_EQ(vm->ALIAS.size(), 110u);
+    EXPECT_TRUE(vm->ALIAS.at(vm_t::SLW).empty());
+    EXPECT_EQ(vm->ALIAS.at(vm_t::DEV), (std::set<std::string>{"DEVICE"}));
+}
+
+TEST(Parser, TabsAreBlanks) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"MOV\tKXX\tMIO;", "MIL\t5", "GRA\tGRID;"}));
+    EXPECT_EQ(reg(c, "KXX"), 1000u);
+    EXPECT_EQ(reg(c, "MIL"), 5u);
+    EXPECT_EQ(reg(c, "GRA"), 2u);
+    // A tab before the ';' replaces the operand like a blank.
+    ASSERT_TRUE(runLines(c, {"INC KXX\t;"}));
+    EXPECT_EQ(reg(c, "KXX"), 1000u);
+    EXPECT_EQ(reg(c, "NOOP"), bitsOf(1.0));
+}
+
+TEST(Parser, OneInstructionALineTheLastNamedRuns) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"INC KXX INC MIO;"}));
+    EXPECT_EQ(reg(c, "KXX"), 4u);
+    EXPECT_EQ(reg(c, "MIO"), 1001u);
+}
+
+TEST(Parser, TerminatorAfterAnAssignmentEndsTheLine) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"KXX 5;INC KXX;"}));
+    EXPECT_EQ(reg(c, "KXX"), 5u);
+}
+
+TEST(Parser, RegisterTextIsTheRowsSpelling) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"TREE 1", "NXX 12"}));
+    EXPECT_EQ(vmOf(c)->getB(vm_t::TRE), true);
+    EXPECT_EQ(vmOf(c)->get(vm_t::NNN), 12u);
+    // The enum spelling is no register name.
+    EXPECT_EQ(failure<std::logic_error>({"NNN 1"}), "unknown syntax error");
+    EXPECT_THROW(runFresh({"TRE 1"}), std::logic_error);
 }
