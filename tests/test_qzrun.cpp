@@ -106,6 +106,13 @@ TEST(Qzrun, WritesComeBeforeTheRun) {
     EXPECT_EQ(r.out, "GP0=3.5\nHPT=4096\n");
 }
 
+TEST(Qzrun, LineNumberWrittenOnTheCommandLineIsWhereTheRunStarts) {
+    const std::string p = program("resume", "INC KXX;\nINC MIO;\n");
+    const Result r = qzrun({p, "-r", "LNN=1", "-p", "KXX", "-p", "MIO"}, "resume");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "KXX=4\nMIO=1001\n");
+}
+
 TEST(Qzrun, PrintsEveryKind) {
     const std::string p = program("printkinds", "MIS '-'\nHED false\n");
     const Result r = qzrun({p, "-p", "ONE", "-p", "MIS", "-p", "HED", "-p", "GPT", "-p", "DFN", "-p", "MVA", "-p",

@@ -267,6 +267,12 @@ int main(int argc, char** argv) {
 
     void* ctx = create_ctx();
     g_ctx = ctx;
+    // The program goes in first: setting it rewinds LNN, and a -r LNN=N
+    // written afterwards starts the run at line N.
+    std::vector<char*> ptrs;
+    for (std::string& l : lines) ptrs.push_back(const_cast<char*>(l.c_str()));
+    ctx_set_code(ctx, ptrs.data(), ptrs.size());
+
     for (const Write& w : writes) {
         vm_t::VarType v;
         vm_t::TypeType t;
@@ -289,10 +295,6 @@ int main(int argc, char** argv) {
         }
     }
     ctx_write_reg(ctx, const_cast<char*>("CBP"), (size_t)&progress);
-
-    std::vector<char*> ptrs;
-    for (std::string& l : lines) ptrs.push_back(const_cast<char*>(l.c_str()));
-    ctx_set_code(ctx, ptrs.data(), ptrs.size());
 
     try {
         run_ctx(ctx);
