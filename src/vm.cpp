@@ -320,16 +320,34 @@ size_t vm_t::getRegValByName(const std::string reg) {
 
 // ---------------------------------------------------------------- registers
 
+// The computed registers answer from the resources (or their dry-pass
+// sentinels); every other register is its stored bits. Only the computed ones
+// look at the resource registers, so that the line loop's reads of LNN cost
+// one lookup.
 size_t vm_t::get(VarType v) const {
-    const bool size_reg = (v == GVX || v == GEX);
-    if (VS.at(MPT) == 1 && size_reg) return 1;
-    if (!noexec && VS.at(GPT) != 0 && size_reg) {
-        size_t count;
-        if (graphCount(v, count)) return count;
+    switch (v) {
+    case GVX:
+    case GEX:
+        if (VS.at(MPT) == 1) return 1;
+        if (!noexec && VS.at(GPT) != 0) {
+            size_t count;
+            if (graphCount(v, count)) return count;
+        }
+        break;
+    case DIM: {
+        const size_t mpt = VS.at(MPT);
+        if (mpt == 1) return 1;
+        if (mpt != 0) return getDim();
+        break;
     }
-    if (VS.at(MPT) == 1 && v == DIM) return 1;
-    if (VS.at(MPT) != 0 && v == DIM) return getDim();
-    if ((VS.at(DPT) == 1 && v == NNN) || v == ONE) return 1;
+    case NNN:
+        if (VS.at(DPT) == 1) return 1;
+        break;
+    case ONE:
+        return 1;
+    default:
+        break;
+    }
     return VS.at(v);
 }
 
