@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <map>
@@ -410,6 +411,17 @@ TEST(CApi, SeedWriteReplacesTheEngine) {
     wreg(a, "SEED", 1234);
     runLines(a, {"MOV GP2 UNI;"});
     EXPECT_EQ(reg(a, "GP2"), reg(b, "GP0"));
+}
+
+TEST(CApi, UnseededContextsTakeTheirSeedFromTheClock) {
+    // Built in different clock ticks, two contexts draw different sequences.
+    Ctx a;
+    std::this_thread::sleep_for(std::chrono::microseconds(10));
+    Ctx b;
+    ASSERT_TRUE(runLines(a, {"MOV GP0 UNI;", "MOV GP1 UNI;"}));
+    ASSERT_TRUE(runLines(b, {"MOV GP0 UNI;", "MOV GP1 UNI;"}));
+    EXPECT_FALSE(reg(a, "GP0") == reg(b, "GP0") && reg(a, "GP1") == reg(b, "GP1"));
+    EXPECT_EQ(reg(a, "SEED"), 0u);
 }
 
 TEST(CApi, OmpWriteSetsTheThreadCount) {

@@ -768,3 +768,21 @@ TEST(Parser, RegisterTextIsTheRowsSpelling) {
     EXPECT_EQ(failure<std::logic_error>({"NNN 1"}), "unknown syntax error");
     EXPECT_THROW(runFresh({"TRE 1"}), std::logic_error);
 }
+
+TEST(Parser, RunAfterADryPassDoesTheWork) {
+    Ctx c;
+    vm_t* vm = vmOf(c);
+    wreg(c, "MPT", 1);
+    vm->setCode(new std::vector<std::string>{"ESTIMATE;"});
+    ASSERT_TRUE(vm->parse(true));
+    EXPECT_TRUE(vm->noexec);
+    // run always scans with the work switched on: the body is reached.
+    ASSERT_TRUE(wreg(c, "LNN", 0));
+    try {
+        run_ctx(c);
+        FAIL();
+    } catch (const std::logic_error& e) {
+        EXPECT_STREQ(e.what(), "ESTIMATE is not available yet");
+    }
+    EXPECT_FALSE(vm->noexec);
+}
