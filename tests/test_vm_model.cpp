@@ -78,6 +78,19 @@ template <typename I, typename V> void dispose(IO<I, V>* io) {
     delete io;
 }
 
+// Writes the path model of n vertices to a file and loads it in ctx by a
+// program that sets the types first.
+template <typename I, typename V>
+void loadPathModel(void* ctx, I n, const std::string& name, std::vector<std::string> types) {
+    IO<I, V>* io = pathModel<I, V>(n);
+    const std::string fn = tmpPath(name);
+    io->store(fn);
+    dispose(io);
+    types.push_back("MFN " + quoted(fn));
+    types.push_back("LDX MPT;");
+    runLines(ctx, types);
+}
+
 template <typename I, typename V> void checkLoaded(void* ctx, const IO<I, V>& ref) {
     const IO<I, V>* io = reinterpret_cast<const IO<I, V>*>(reg(ctx, "MPT"));
     ASSERT_NE(io, nullptr);
@@ -465,12 +478,8 @@ TEST(VmModel, NewGraphIsAttachedToTheModel) {
 }
 
 TEST(VmModel, LoadingAGraphAfterAModelHandsItToTheModel) {
-    IO<unsigned int, double>* io = pathModel<unsigned int, double>(3);
-    const std::string fn = tmpPath("vm_attach.mod");
-    io->store(fn);
-    dispose(io);
     Ctx ctx;
-    runLines(ctx, {"idx_t UINT32;", "val_t FLT64;", "MFN " + quoted(fn), "LDX MPT;"});
+    loadPathModel<unsigned int, double>(ctx, 3, "vm_attach.mod", {"idx_t UINT32;", "val_t FLT64;"});
     EXPECT_EQ(reg(ctx, "DIM"), 12u);
     // The vertex count comes from the model's graph; a star around 0 over states 2, 3, 2.
     runLines(ctx, {"GRA STAR;", "LDX GPT;"});
@@ -482,12 +491,8 @@ TEST(VmModel, LoadingAGraphAfterAModelHandsItToTheModel) {
 }
 
 TEST(VmModel, AGraphKindWithoutGraphLeavesTheModelWithoutEdges) {
-    IO<unsigned short, float>* io = pathModel<unsigned short, float>(4);
-    const std::string fn = tmpPath("vm_other.mod");
-    io->store(fn);
-    dispose(io);
     Ctx ctx;
-    runLines(ctx, {"idx_t UINT16;", "val_t FLT32;", "MFN " + quoted(fn), "LDX MPT;"});
+    loadPathModel<unsigned short, float>(ctx, 4, "vm_other.mod", {"idx_t UINT16;", "val_t FLT32;"});
     EXPECT_EQ(reg(ctx, "DIM"), 18u);
     runLines(ctx, {"GRA OTHER;", "LDX GPT;"});
     const IO<unsigned short, float>* loaded = reinterpret_cast<const IO<unsigned short, float>*>(reg(ctx, "MPT"));
