@@ -60,6 +60,12 @@ template <typename I, typename V> IO<I, V>* pathModel(I n) {
 
 std::string quoted(const std::string& s) { return "'" + s + "'"; }
 
+bool exists(const std::string& fn) {
+    FILE* f = std::fopen(fn.c_str(), "rb");
+    if (f != nullptr) std::fclose(f);
+    return f != nullptr;
+}
+
 // What a context never releases of a model built in memory: its graph, unless
 // GPT holds it, and its weights. Released at the end of the scope.
 template <typename I, typename V> struct Leftovers {
@@ -429,9 +435,7 @@ TEST(VmModel, StoreGraphWithAnUnknownFormatWritesNothing) {
         wreg(ctx, "GPT", (size_t)G);
         wreg(ctx, "FMT", 7);
         runLines(ctx, {"GFN " + quoted(fn), "STORE GPT;"});
-        FILE* f = std::fopen(fn.c_str(), "rb");
-        EXPECT_EQ(f, nullptr);
-        if (f) std::fclose(f);
+        EXPECT_FALSE(exists(fn));
         wreg(ctx, "GPT", 0);
     }
 }
@@ -563,14 +567,12 @@ TEST(VmModel, StoreWithAPairWithoutInstantiationWritesNothing) {
         EXPECT_TRUE(runLines(ctx, {"idx_t UINT32;", "val_t UINT16;", "MFN " + quoted(mfn), "STORE MPT;",
                                    "GFN " + quoted(gfn), "FMT TGF;", "STORE GPT;"}));
         for (const std::string& fn : {mfn, gfn}) {
-            FILE* f = std::fopen(fn.c_str(), "rb");
-            EXPECT_EQ(f, nullptr) << fn;
-            if (f) std::fclose(f);
+            EXPECT_FALSE(exists(fn)) << fn;
         }
         // Nor an index type beyond the four.
         wreg(ctx, "IDX", 4);
         EXPECT_TRUE(runLines(ctx, {"val_t FLT64;", "STORE MPT;"}));
-        EXPECT_EQ(std::fopen(mfn.c_str(), "rb"), nullptr);
+        EXPECT_FALSE(exists(mfn));
         EXPECT_EQ(reg(ctx, "DIM"), 0u);
         wreg(ctx, "GPT", 0);
         wreg(ctx, "IDX", vm_t::idxUINT32);
@@ -692,9 +694,7 @@ TEST(VmModel, DryPassChecksStoresButWritesNothing) {
                                             "STORE GPT;"});
     EXPECT_TRUE(vm.parse(true));
     for (const std::string& fn : {mfn, gfn}) {
-        FILE* f = std::fopen(fn.c_str(), "rb");
-        EXPECT_EQ(f, nullptr) << fn;
-        if (f) std::fclose(f);
+        EXPECT_FALSE(exists(fn)) << fn;
     }
     // The checks still run: a missing file name fails in the dry pass too.
     vm.setCode(new std::vector<std::string>{"DEL MFN;", "STORE MPT;"});
