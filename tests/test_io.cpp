@@ -750,3 +750,75 @@ TEST(IO, StoringWhereNoFileCanBeMadeReportsNothing) {
     EXPECT_EQ(std::fopen(fn.c_str(), "rb"), nullptr);
     release(io, true);
 }
+
+// Releases through programs, watched on the allocator.
+
+TEST(Release, DelOfTheModelDeletesTheContainerUnlessExternalOrWithoutInstance) {
+    Graph<unsigned int>* G = newGraph<unsigned int>(2, {{0, 1}});
+    IO<unsigned int, double>* io = build<unsigned int, double>(G, {2});
+    const std::string fn = tmpPath("io_del.mod");
+    io->store(fn);
+    release(io, true);
+    // 0: an own container, 1: an external one, 2: a pair of types without instance.
+    for (int k = 0; k < 3; ++k) {
+        qztest::Ctx ctx;
+        qztest::runLines(ctx, {"idx_t UINT32;", "val_t FLT64;", "MFN '" + fn + "'", "LDX MPT;"});
+        IO<unsigned int, double>* m = reinterpret_cast<IO<unsigned int, double>*>(qztest::reg(ctx, "MPT"));
+        ASSERT_NE(m, nullptr);
+        if (k == 1) m->is_external = true;
+        if (k == 2) qztest::wreg(ctx, "VAL", vm_t::valUINT8);
+        const Parts p(*m);
+        heapLog.start();
+        qztest::runLines(ctx, {"DEL MPT;"});
+        heapLog.stop();
+        EXPECT_EQ(qztest::reg(ctx, "MPT"), 0u) << k;
+        EXPECT_EQ(heapLog.freed(m), k == 0) << k;
+        EXPECT_EQ(p.released(), k == 0 ? "w E woff Y Xnames Ynames Ynames[0]" : "") << k;
+        if (k != 0) {
+            m->is_external = false;
+            delete m;
+        }
+        // GPT still holds the model's graph, which the context releases.
+    }
+}
+
+TEST(Release, DelOfStringsListsAndMarginals) {
+    qztest::Ctx ctx;
+    qztest::runLines(ctx, {"MFN 'a'", "GFN 'b'", "DFN 'c'", "GPS 'd'", "LFN 'e'", "NAM 'f'"});
+    qztest::wreg(ctx, "LPT", (size_t) new std::vector<size_t>{1, 2});
+    qztest::wreg(ctx, "PPT", (size_t) new double[4]);
+    const char* regs[] = {"MFN", "GFN", "DFN", "GPS", "LFN", "NAM", "LPT", "PPT"};
+    std::vector<const void*> held;
+    for (const char* r : regs) held.push_back((const void*)qztest::reg(ctx, r));
+    heapLog.start();
+    qztest::runLines(ctx, {"DEL MFN;", "DEL GFN;", "DEL DFN;", "DEL GPS;", "DEL LFN;", "DEL NAM;", "DEL LPT;", "DEL PPT;"});
+    heapLog.stop();
+    for (size_t i = 0; i < held.size(); ++i) {
+        EXPECT_TRUE(heapLog.freed(held[i])) << regs[i];
+        EXPECT_EQ(qztest::reg(ctx, regs[i]), 0u) << regs[i];
+    }
+}
+
+TEST(Release, DelOfTheOtherFileNameLooksAtTheDataFileName) {
+    qztest::Ctx ctx;
+    qztest::runLines(ctx, {"OTHERFN 'x'"});
+    const std::string* s = reinterpret_cast<const std::string*>(qztest::reg(ctx, "OTHERFN"));
+    heapLog.start();
+    qztest::runLines(ctx, {"DEL OTHERFN;"});
+    heapLog.stop();
+    EXPECT_EQ(qztest::reg(ctx, "OTHERFN"), 0u);
+    // DFN is not set: the string is abandoned.
+    EXPECT_FALSE(heapLog.freed(s));
+    EXPECT_EQ(*s, "x");
+    delete s;
+    qztest::runLines(ctx, {"DFN 'd'", "OTHERFN 'y'"});
+    s = reinterpret_cast<const std::string*>(qztest::reg(ctx, "OTHERFN"));
+    const void* dfn = (const void*)qztest::reg(ctx, "DFN");
+    heapLog.start();
+    qztest::runLines(ctx, {"DEL OTHERFN;"});
+    heapLog.stop();
+    EXPECT_TRUE(heapLog.freed(s));
+    EXPECT_FALSE(heapLog.freed(dfn));
+    EXPECT_EQ(qztest::reg(ctx, "OTHERFN"), 0u);
+    EXPECT_NE(qztest::reg(ctx, "DFN"), 0u);
+}
