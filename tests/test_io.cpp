@@ -822,3 +822,30 @@ TEST(Release, DelOfTheOtherFileNameLooksAtTheDataFileName) {
     EXPECT_EQ(qztest::reg(ctx, "OTHERFN"), 0u);
     EXPECT_NE(qztest::reg(ctx, "DFN"), 0u);
 }
+
+TEST(Release, ASecondLoadAbandonsTheFirstModelAndList) {
+    Graph<unsigned short>* G = newGraph<unsigned short>(3, {{0, 1}, {1, 2}});
+    IO<unsigned short, float>* io = build<unsigned short, float>(G, {2});
+    const std::string fn = tmpPath("io_twice.mod");
+    io->store(fn);
+    release(io, true);
+    qztest::Ctx ctx;
+    const std::vector<std::string> load = {"idx_t UINT16;", "val_t FLT32;", "MFN '" + fn + "'", "LDX MPT;"};
+    qztest::runLines(ctx, load);
+    IO<unsigned short, float>* first = reinterpret_cast<IO<unsigned short, float>*>(qztest::reg(ctx, "MPT"));
+    const std::vector<size_t>* firstList = reinterpret_cast<const std::vector<size_t>*>(qztest::reg(ctx, "LPT"));
+    ASSERT_NE(firstList, nullptr);
+    heapLog.start();
+    qztest::runLines(ctx, load);
+    heapLog.stop();
+    const std::vector<size_t>* list = reinterpret_cast<const std::vector<size_t>*>(qztest::reg(ctx, "LPT"));
+    EXPECT_NE((const void*)qztest::reg(ctx, "MPT"), (const void*)first);
+    EXPECT_NE(list, firstList);
+    EXPECT_EQ(*list, (std::vector<size_t>{2, 3}));
+    EXPECT_FALSE(heapLog.freed(first));
+    EXPECT_FALSE(heapLog.freed(firstList));
+    AbstractGraph<unsigned short>* firstG = first->G;
+    delete first;
+    delete firstG;
+    delete firstList;
+}
