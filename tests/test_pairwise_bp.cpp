@@ -100,11 +100,16 @@ protected:
 template <typename T> class MaxIntBP : public BareBP<T, T> {
 public:
     mutable std::vector<T> acc;
+    int sweeps = 0;
     MaxIntBP(const QZ::AbstractGraph<T>* G, const T* Y, T* w)
         : BareBP<T, T>(G, Y, w, false), acc(omp_get_max_threads() + 1, 0) {}
     T lp(const T& v, const T& x) const { return this->get_log_prod(v, x, (T)-1, 0); }
 
 protected:
+    void post_process() override {
+#pragma omp master
+        ++sweeps;
+    }
     T A_local() const override { return 7; }
     T map_logarithm(const T& m) const override { return m; }
     T map_exponential(const T& m) const override { return m; }
@@ -723,4 +728,24 @@ TYPED_TEST(IntegerBP, AccumulationThroughHookAndUncentredProducts) {
     EXPECT_EQ(bp.observed(0), (T)-1);
     bp.infer(10);
     EXPECT_EQ(bp.raw_mu_samples()[0], (T)1);
+}
+
+TYPED_TEST(IntegerBP, AllOnesThresholdMeansFixedSweepsAndZeroStopsWhenUnchanged) {
+    typedef TypeParam T;
+    auto G = makeGraph<T>(4, {{0, 1}, {1, 2}, {2, 3}});
+    T Y[] = {2, 3, 2, 2};
+    std::vector<T> w(6 + 6 + 4);
+    for (size_t i = 0; i < w.size(); ++i) w[i] = (T)((i * 5) % 7);
+    MaxIntBP<T> bp(G.get(), Y, w.data());
+    bp.setMaxIter(50);
+    // Threshold 0: the run ends after the first sweep that changes nothing,
+    // which on a chain of three edges comes after a few sweeps.
+    bp.infer(0);
+    EXPECT_GT(bp.sweeps, 1);
+    EXPECT_LT(bp.sweeps, 8);
+    bp.sweeps = 0;
+    bp.setEpsilon((T)-1);
+    bp.setMaxIter(5);
+    bp.infer(0);
+    EXPECT_EQ(bp.sweeps, 5);
 }
