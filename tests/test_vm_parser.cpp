@@ -219,16 +219,6 @@ TEST(Parser, AlgorithmNumberBeyondInferenceTableGoesToOptimizer) {
     EXPECT_EQ(reg(d, "OPT"), 0u);
 }
 
-TEST(Parser, ReparametrisationAndFormatKeywords) {
-    Ctx c;
-    ASSERT_TRUE(runLines(c, {"REP ISING;", "FMT FG;"}));
-    EXPECT_EQ(reg(c, "REP"), 12u);
-    EXPECT_EQ(reg(c, "FMT"), 2u);
-    ASSERT_TRUE(runLines(c, {"REP STINVEXPONENTIAL;", "FMT TGF;"}));
-    EXPECT_EQ(reg(c, "REP"), 9u);
-    EXPECT_EQ(reg(c, "FMT"), 1u);
-}
-
 TEST(Parser, QuotedStringKeepsBlanks) {
     Ctx c;
     ASSERT_TRUE(runLines(c, {"MFN 'a b.mod'"}));
