@@ -218,8 +218,13 @@ TEST(Qzrun, SecondInterruptEndsWithOneLine) {
     // long computations to stop, the second ends the process.
     const std::string p = program("interrupt", "TXX 100000000\nBRR 2\nINC KXX;\nBLT KXX TXX BRR;\n");
     const std::string err = tmpPath("qzrun_interrupt.err");
+    // Interrupt only once qzrun catches SIGINT and SIGABRT (bits 0x2 and 0x20
+    // of SigCgt), however slowly it starts on a busy machine.
     const std::string cmd = quote(QZ_QZRUN) + " " + quote(p) + " 2>" + quote(err) +
-                            " & pid=$!; sleep 0.5; kill -INT $pid; sleep 0.3; kill -INT $pid; wait $pid";
+                            " & pid=$!; for i in $(seq 400); do"
+                            " m=$(awk '/^SigCgt/{print $2}' /proc/$pid/status 2>/dev/null);"
+                            " [ -n \"$m\" ] && [ $(( 0x$m & 0x22 )) -eq $(( 0x22 )) ] && break; sleep 0.05; done;"
+                            " sleep 0.1; kill -INT $pid; sleep 0.3; kill -INT $pid; wait $pid";
     const int status = std::system(("bash -c " + quote(cmd)).c_str());
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
