@@ -181,6 +181,10 @@ TEST(Qzrun, MissingProgramFile) {
     const Result r = qzrun({tmpPath("no_such_program.qz")}, "missing");
     EXPECT_EQ(r.code, 2);
     EXPECT_NE(r.err.find("cannot read program"), std::string::npos) << r.err;
+    // A directory is no program either.
+    const Result d = qzrun({std::string(QZ_SOURCE_DIR) + "/examples"}, "directory");
+    EXPECT_EQ(d.code, 2);
+    EXPECT_NE(d.err.find("cannot read program"), std::string::npos) << d.err;
 }
 
 TEST(Qzrun, NoProgressLineWithoutATerminal) {

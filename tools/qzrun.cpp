@@ -8,6 +8,7 @@
 #include <vm_wrapper>
 #include <QZ/QZMISC>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -248,8 +249,11 @@ int main(int argc, char** argv) {
         printKinds.push_back(t);
     }
 
+    // A directory opens like a file and reads as nothing: it is refused like
+    // a missing file instead of running as an empty program.
+    struct stat st;
     std::ifstream in(program);
-    if (!in) {
+    if (stat(program.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !in) {
         std::cerr << "qzrun: cannot read program '" << program << "'\n";
         return 2;
     }
