@@ -56,7 +56,8 @@ void endProgress() {
 size_t lineOfContext() { return g_ctx ? ctx_read_reg(g_ctx, const_cast<char*>("LNN")) + 1 : 0; }
 
 // Says where the program stood and leaves with a failure instead of a core
-// dump. Runs inside a signal handler: only write and _exit.
+// dump. Runs inside a signal handler: the line is formatted on the stack,
+// written with one write() and the process ends with _exit, without unwinding.
 void fatal(const char* what) {
     endProgress();
     char buf[160];
