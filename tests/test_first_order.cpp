@@ -324,3 +324,27 @@ TEST(FirstOrder, ProximalHookSeesTheRegularisationWeights) {
     // The frame's schedule gives the step: 0.5 / sqrt(k + 1).
     EXPECT_DOUBLE_EQ(seen[1].stp, 0.5 / std::sqrt(2.0));
 }
+
+TEST(FirstOrder, FloatRecordsCarryTheirTypeCodes) {
+    static std::vector<std::pair<int, int>> codes;
+    static std::vector<size_t> bytes;
+    codes.clear();
+    bytes.clear();
+    Convex<unsigned char, float> f({1.0f}, {1.0f}, {0.0f});
+    GradientDescent<unsigned char, float> a(nullptr);
+    a.opt(&f, [](OptState<unsigned char, float>* o) {
+        codes.push_back({o->itype, o->vtype});
+        bytes.push_back(o->val_bytes);
+    }, nullptr, nullptr, 1, 0.5f, false, 0, 0);
+    Convex<unsigned long, float> h({1.0f}, {1.0f}, {0.0f});
+    FISTA<unsigned long, float> b(nullptr, nullptr);
+    b.opt(&h, [](OptState<unsigned long, float>* o) {
+        codes.push_back({o->itype, o->vtype});
+        bytes.push_back(o->val_bytes);
+    }, nullptr, nullptr, 1, 0.5f, false, 0, 0);
+    ASSERT_EQ(codes.size(), 4u);
+    EXPECT_EQ(codes[0], std::make_pair(0, 4));
+    EXPECT_EQ(codes[2], std::make_pair(3, 4));
+    EXPECT_EQ(bytes[0], 4u);
+    EXPECT_DOUBLE_EQ(a.gamma, 1.001f);
+}
