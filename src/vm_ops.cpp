@@ -7,8 +7,6 @@ namespace QZ {
 static void missing(const char* name) { throw std::logic_error(std::string(name) + " is not available yet"); }
 
 void vm_t::estimateFunc() { missing("ESTIMATE"); }
-void vm_t::statsFunc() { missing("STATS"); }
-void vm_t::modelFunc() { missing("MODEL"); }
 void vm_t::inferFunc() { missing("INFER"); }
 void vm_t::predictFunc() { missing("PREDICT"); }
 void vm_t::scoreFunc() { missing("SCORE"); }

@@ -655,5 +655,21 @@ TEST(VmData, VoteExampleRunsFromTheRepositoryRoot) {
     EXPECT_EQ(out, "NXX=434\n");
     std::vector<std::string> lines = splitLines(readFile(vote()));
     lines.erase(lines.begin() + 1);
-    EXPECT_EQ(splitLines(readFile("/tmp/qz_vote_copy.csv")), lines);
+    // The copy is the table without the dropped line; the model drew the
+    // unknown votes, so a '?' of the file stands as a real vote in the copy.
+    const std::vector<std::string> copy = splitLines(readFile("/tmp/qz_vote_copy.csv"));
+    ASSERT_EQ(copy.size(), lines.size());
+    EXPECT_EQ(copy[0], lines[0]);
+    for (size_t i = 1; i < lines.size(); ++i) {
+        std::vector<std::string> want, got;
+        QZ::readandsplit(lines[i], &want);
+        QZ::readandsplit(copy[i], &got);
+        ASSERT_EQ(got.size(), want.size()) << i;
+        for (size_t j = 0; j < want.size(); ++j) {
+            if (want[j] == "?")
+                EXPECT_NE(got[j], "?") << i << "," << j;
+            else
+                EXPECT_EQ(got[j], want[j]) << i << "," << j;
+        }
+    }
 }
