@@ -1,0 +1,120 @@
+// The engine, the model function over it and the empirical means that every
+// model instruction builds from the registers and the container in MPT. Each
+// instruction makes them afresh, and deletes the model before the engine.
+#ifndef QZ_VM_ENGINE_H
+#define QZ_VM_ENGINE_H
+
+#include <QZ/QZMISC>
+#include <QZ/QZBP>
+#include <QZ/QZINF>
+#include <QZ/QZIO>
+#include <QZ/QZMRF>
+#include <QZ/QZOPT>
+
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+
+namespace QZ {
+
+// What a host registers in EXT0: the arguments of the belief propagation
+// constructor without its flag, in that order (graph and state spaces by
+// reference, then the random engine and the container's weights), for the
+// index and value types in force. The host must hand in the function of the
+// instantiation that IDX and VAL select.
+template <typename idx_t, typename val_t>
+using ExternalInferenceFactory = InferenceAlgorithm<idx_t, val_t>* (*)(AbstractGraph<idx_t>*& G, idx_t*& Y,
+                                                                       std::mt19937* engine, val_t* w);
+
+// What a host registers in EXT1: the update hook (CBU) and the proximal hook
+// (CPR), for the index and value types in force.
+template <typename idx_t, typename val_t>
+using ExternalOptimizerFactory = Optimizer<idx_t, val_t, true>* (*)(void (*g)(OptState<idx_t, val_t>*),
+                                                                    void (*p)(OptState<idx_t, val_t>*));
+
+namespace engine_detail {
+
+[[noreturn]] inline void notYet(const char* what) { throw std::logic_error(std::string(what) + " is not available yet"); }
+
+// The external factories exist only for the floating instantiations; the
+// multiple-precision value code reaches the double instance but no factory
+// was ever made for it.
+inline bool externalPairOk(const vm_t& vm) {
+    const size_t I = vm.get(vm_t::IDX);
+    const size_t V = vm.get(vm_t::VAL);
+    return (V == vm_t::valFLT32 || V == vm_t::valFLT64) && I <= vm_t::idxUINT64;
+}
+
+}  // namespace engine_detail
+
+template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t::getIA() {
+    IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(getP(MPT));
+    const idx_t mil = (idx_t)get(MIL);
+    if constexpr (std::is_floating_point<val_t>::value) {
+        const size_t inf = get(INF);
+        switch (inf) {
+        case LBP: {
+            QZ::LBP<idx_t, val_t>* ia = new QZ::LBP<idx_t, val_t>(io->G, io->Y, random_engine, io->w, getB(TRE));
+            ia->setMaxIter(mil);
+            ia->setEpsilon((val_t)getR(EPL));
+            return ia;
+        }
+        case JT: engine_detail::notYet("JT");
+        case SQM: engine_detail::notYet("SQM");
+        case EXTERNINF: {
+            void* f = getP(EXT0);
+            if (f == nullptr) break;
+            if (!engine_detail::externalPairOk(*this))
+                throw std::out_of_range("incompatible data types for external inference algorithm");
+            ExternalInferenceFactory<idx_t, val_t> make = reinterpret_cast<ExternalInferenceFactory<idx_t, val_t>>(f);
+            InferenceAlgorithm<idx_t, val_t>* ia = make(io->G, io->Y, random_engine, io->w);
+            ia->setMaxIter(mil);
+            return ia;
+        }
+        default: break;
+        }
+        throw std::out_of_range("unknown inference algorithm");
+    } else {
+        // Integer models have a single engine, whatever INF and TRE say.
+        (void)io;
+        (void)mil;
+        engine_detail::notYet("BitLengthBP");
+    }
+}
+
+template <typename idx_t, typename val_t> AbstractMRF<idx_t, val_t>* vm_t::getMOD(InferenceAlgorithm<idx_t, val_t>* IA) {
+    if constexpr (std::is_floating_point<val_t>::value) {
+        const size_t rep = get(REP);
+        if (rep == NONE) return new MRF<idx_t, val_t>(IA);
+        if (rep == ISING) engine_detail::notYet("ISING");
+        // Every other value, the two non-decay ones included, is a decay law.
+        engine_detail::notYet("STRF");
+    } else {
+        (void)IA;
+        engine_detail::notYet("IntegerMRF");
+    }
+}
+
+template <typename idx_t, typename val_t> val_t* vm_t::initMU(void* _varP) {
+    AbstractMRF<idx_t, val_t>* P = static_cast<AbstractMRF<idx_t, val_t>*>(_varP);
+    IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(getP(MPT));
+    const idx_t d = io->dim;
+    const idx_t n = io->G->vertices();
+    const val_t* edgeCounts = io->E + io->woff[n];
+    const idx_t N = io->num_instances;
+    val_t* mu = new val_t[d];
+    if constexpr (std::is_floating_point<val_t>::value) {
+        const val_t cnt = (val_t)N;
+        for (idx_t i = 0; i < d; ++i) mu[i] = edgeCounts[i] / cnt;
+    } else {
+        // Integer models keep raw counts and scale in their gradient.
+        for (idx_t i = 0; i < d; ++i) mu[i] = edgeCounts[i];
+    }
+    P->set_empirical(mu, N);
+    return mu;
+}
+
+}  // namespace QZ
+
+#endif
