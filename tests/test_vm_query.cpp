@@ -617,3 +617,27 @@ TEST(Score, StopFlagStillDividesByAllRows) {
     const double first = B.logPotential({D->get(0, 0), D->get(0, 1), D->get(0, 2)}) - B.logZ(B.none());
     EXPECT_NEAR(regR(c, "RES"), first / (double)D->rows(), 1e-9);
 }
+
+TEST(Infer, NarrowIndexAndSinglePrecisionGiveTheSameDoubleArray) {
+    Ctx c;
+    IOd* io = build(c, "narrow_ref");
+    ASSERT_NE(io, nullptr);
+    ASSERT_TRUE(runLines(c, {"DEL DPT;", "INFER;"}));
+    const std::vector<double> want = vertexPart(c, io), wantE = edgePart(c, io);
+
+    Ctx f;
+    wreg(f, "IDX", 0);
+    wreg(f, "VAL", 4);
+    ASSERT_TRUE(runLines(f, {"DFN '" + tableFile("narrow") + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;"}));
+    typedef QZ::IO<unsigned char, float> IOf;
+    IOf* iof = reinterpret_cast<IOf*>(reg(f, "MPT"));
+    ASSERT_EQ((size_t)iof->dim, (size_t)io->dim);
+    for (unsigned long i = 0; i < io->dim; ++i) iof->w[i] = (float)io->w[i];
+    const std::vector<float> w0(iof->w, iof->w + iof->dim);
+    ASSERT_TRUE(runLines(f, {"DEL DPT;", "INFER;"}));
+    const double* PP = reinterpret_cast<const double*>(reg(f, "PPT"));
+    expectNear(std::vector<double>(PP, PP + want.size()), want, 1e-5, "vertex");
+    expectNear(std::vector<double>(PP + want.size(), PP + want.size() + wantE.size()), wantE, 1e-5, "edge");
+    EXPECT_NEAR(regR(f, "LNZ"), regR(c, "LNZ"), 1e-4);
+    EXPECT_EQ(std::vector<float>(iof->w, iof->w + iof->dim), w0);
+}
