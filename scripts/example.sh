@@ -3,4 +3,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/build.sh
-exec ./build/qzrun examples/vote.qz -p NXX -p GVX -p GEX -p DIM
+exec ./build/qzrun examples/vote.qz -p NXX -p GVX -p GEX -p DIM -p GP0 -p LNZ
