@@ -46,19 +46,6 @@ std::string failure(void* c, const std::vector<std::string>& lines) {
 
 template <typename T> std::vector<T> arr(const T* p, size_t n) { return std::vector<T>(p, p + n); }
 
-// A binary table with no rows and n columns of sX categories each.
-std::string emptyBinary(const std::string& tag, uint64_t n, uint64_t sX) {
-    std::string b;
-    auto put = [&b](uint64_t v) { b.append(reinterpret_cast<const char*>(&v), 8); };
-    put(0x2300246e69627a71ull);
-    put(0);
-    put(n);
-    put(sX);
-    const std::string p = tmpPath("build_" + tag + ".bin");
-    writeFile(p, b);
-    return p;
-}
-
 }  // namespace
 
 TEST(Model, BuildsTheContainerFromTableAndGraph) {
@@ -106,7 +93,7 @@ TEST(Model, BuildsTheContainerFromTableAndGraph) {
 
 TEST(Model, EmptyTableCountsOneInstance) {
     Ctx c;
-    ASSERT_TRUE(runLines(c, {"DFN '" + emptyBinary("empty", 3, 2) + "'", "LDX DPT;", "GVX 3", "GRA CHAIN;",
+    ASSERT_TRUE(runLines(c, {"DFN '" + emptyBinaryTable("build_empty", 3, 2) + "'", "LDX DPT;", "GVX 3", "GRA CHAIN;",
                              "LDX GPT;", "MODEL;"}));
     EXPECT_EQ(reg(c, "NXX"), 0u);
     IOd* io = reinterpret_cast<IOd*>(reg(c, "MPT"));

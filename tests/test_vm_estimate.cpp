@@ -59,19 +59,6 @@ std::string tableFile(const std::string& tag, const std::string& text = kTable) 
     return p;
 }
 
-// A binary table with no rows and n columns of sX categories each.
-std::string emptyBinary(const std::string& tag, uint64_t n, uint64_t sX) {
-    std::string b;
-    auto put = [&b](uint64_t v) { b.append(reinterpret_cast<const char*>(&v), 8); };
-    put(0x2300246e69627a71ull);
-    put(0);
-    put(n);
-    put(sX);
-    const std::string p = tmpPath("est_" + tag + ".bin");
-    writeFile(p, b);
-    return p;
-}
-
 std::vector<std::string> chainModel(const std::string& tag, const std::string& text = kTable) {
     return {"DFN '" + tableFile(tag, text) + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;"};
 }
@@ -242,7 +229,7 @@ TEST(EngineBuild, IntegerMeansAreRawCounts) {
 
 TEST(EngineBuild, EmptyTableGivesOneInstanceAndZeroMeans) {
     Ctx c;
-    ASSERT_TRUE(runLines(c, {"DFN '" + emptyBinary("empty", 3, 2) + "'", "LDX DPT;", "GVX 3", "GRA CHAIN;",
+    ASSERT_TRUE(runLines(c, {"DFN '" + emptyBinaryTable("est_empty", 3, 2) + "'", "LDX DPT;", "GVX 3", "GRA CHAIN;",
                              "LDX GPT;", "MODEL;"}));
     vm_t* vm = vmOf(c);
     IOd* io = reinterpret_cast<IOd*>(reg(c, "MPT"));

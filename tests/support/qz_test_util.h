@@ -5,6 +5,7 @@
 
 #include <vm_wrapper>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -75,6 +76,20 @@ inline std::string readFile(const std::string& path) {
     std::stringstream ss;
     ss << f.rdbuf();
     return ss.str();
+}
+
+// A binary table file with no rows and n columns of sX categories each; the
+// path is under the build tree.
+inline std::string emptyBinaryTable(const std::string& name, uint64_t n, uint64_t sX) {
+    std::string b;
+    auto put = [&b](uint64_t v) { b.append(reinterpret_cast<const char*>(&v), 8); };
+    put(0x2300246e69627a71ull);
+    put(0);
+    put(n);
+    put(sX);
+    const std::string p = tmpPath(name + ".bin");
+    writeFile(p, b);
+    return p;
 }
 
 }  // namespace qztest
