@@ -6,7 +6,6 @@ namespace QZ {
 
 static void missing(const char* name) { throw std::logic_error(std::string(name) + " is not available yet"); }
 
-void vm_t::sampleFunc() { missing("SAMPLE"); }
 void vm_t::convertGraphST() { missing("STGRAPH"); }
 void vm_t::convertGraphDBT() { missing("BOLTZMANNTREE"); }
 void vm_t::convertGraphJT() { missing("JUNCTIONTREE"); }

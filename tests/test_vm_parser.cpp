@@ -762,8 +762,8 @@ TEST(Parser, RegisterTextIsTheRowsSpelling) {
 TEST(Parser, RunAfterADryPassDoesTheWork) {
     Ctx c;
     vm_t* vm = vmOf(c);
-    wreg(c, "MPT", 1);
-    vm->setCode(new std::vector<std::string>{"INITZERO;"});
+    wreg(c, "GPT", 1);
+    vm->setCode(new std::vector<std::string>{"BASEGRAPH;"});
     ASSERT_TRUE(vm->parse(true));
     EXPECT_TRUE(vm->noexec);
     // run always scans with the work switched on: the body is reached.
@@ -772,7 +772,7 @@ TEST(Parser, RunAfterADryPassDoesTheWork) {
         run_ctx(c);
         FAIL();
     } catch (const std::logic_error& e) {
-        EXPECT_STREQ(e.what(), "INITZERO is not available yet");
+        EXPECT_STREQ(e.what(), "BASEGRAPH is not available yet");
     }
     EXPECT_FALSE(vm->noexec);
 }
