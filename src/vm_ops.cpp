@@ -10,9 +10,5 @@ void vm_t::convertGraphST() { missing("STGRAPH"); }
 void vm_t::convertGraphDBT() { missing("BOLTZMANNTREE"); }
 void vm_t::convertGraphJT() { missing("JUNCTIONTREE"); }
 void vm_t::getBaseGraph() { missing("BASEGRAPH"); }
-void vm_t::initLatent() { missing("INITLATENT"); }
-void vm_t::initGauss() { missing("INITGAUSS"); }
-void vm_t::initZero() { missing("INITZERO"); }
-void vm_t::closedForm() { missing("CLOSEDFORM"); }
 
 }  // namespace QZ
