@@ -7,6 +7,7 @@
 #include <QZ/QZMRF>
 
 #include <cmath>
+#include <limits>
 #include <random>
 #include <set>
 #include <stdexcept>
@@ -37,11 +38,16 @@ template <typename idx_t, typename val_t> void initGauss0(vm_t& vm) {
     const idx_t d = io->dim;
     for (idx_t i = 0; i < d; ++i) {
         const double x = N(engine);
-        // Integer weights keep the truncated draw; negative draws become 0.
+        // Integer weights keep the truncated draw; negative draws become 0,
+        // and draws past the type's largest value stop there.
         if (std::is_floating_point<val_t>::value)
             w[i] = (val_t)x;
+        else if (x <= 0.0)
+            w[i] = 0;
+        else if (x >= (double)std::numeric_limits<val_t>::max())
+            w[i] = std::numeric_limits<val_t>::max();
         else
-            w[i] = x <= 0.0 ? (val_t)0 : (val_t)x;
+            w[i] = (val_t)x;
     }
 }
 

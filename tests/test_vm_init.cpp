@@ -160,6 +160,21 @@ TEST(InitGauss, IntegerWeightsAreTruncatedDrawsSaturatingAtZero) {
     EXPECT_LT(top, 30u);
 }
 
+TEST(InitGauss, NarrowIntegerWeightsSaturateAtBothEnds) {
+    Ctx c;
+    wreg(c, "SEED", 2);
+    wreg(c, "IDX", QZ::vm_t::idxUINT8);
+    wreg(c, "VAL", QZ::vm_t::valUINT8);
+    loadAndModel(c, "gauss_uint8", kTree);
+    typedef QZ::IO<unsigned char, unsigned char> IOb;
+    IOb* io = reinterpret_cast<IOb*>(reg(c, "MPT"));
+    ASSERT_EQ(io->dim, 8u);
+    ASSERT_TRUE(runLines(c, {"SDE 1000000.0", "INITGAUSS;"}));
+    std::set<unsigned> seen;
+    for (unsigned i = 0; i < io->dim; ++i) seen.insert(io->w[i]);
+    EXPECT_EQ(seen, (std::set<unsigned>{0u, 255u}));
+}
+
 TEST(ClosedForm, TreeWeightsReproduceTheEmpiricalFrequencies) {
     Ctx c;
     loadAndModel(c, "cf_tree", kTree);
