@@ -127,7 +127,8 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
         }
 #pragma omp barrier
 
-        if (!failed) {
+        // A thread without a model has failed, and then all skip the rows.
+        if (!failed && P != nullptr) {
             const idx_t c = woff[n];
 #pragma omp for schedule(static)
             for (size_t i = 0; i < num_samples; ++i) {
