@@ -29,20 +29,7 @@ const char* kTable =
     "x,q,1\n"
     "x,p,?\n";
 
-std::string tableFile(const std::string& tag, const std::string& text = kTable) {
-    const std::string p = tmpPath("build_" + tag + ".csv");
-    writeFile(p, text);
-    return p;
-}
-
-std::string failure(void* c, const std::vector<std::string>& lines) {
-    try {
-        runLines(c, lines);
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+std::string tableFile(const std::string& tag, const std::string& text = kTable) { return csvFile("build_" + tag, text); }
 
 template <typename T> std::vector<T> arr(const T* p, size_t n) { return std::vector<T>(p, p + n); }
 
@@ -172,7 +159,7 @@ TEST(Model, PairWithoutInstantiationDoesNothing) {
 
 TEST(Model, StructureSearchKindsAreNotAvailableYet) {
     Ctx c;
-    EXPECT_EQ(failure(c, {"DFN '" + tableFile("search") + "'", "LDX DPT;", "GRA CHOWLIU;", "LDX GPT;", "MODEL;"}),
+    EXPECT_EQ(failureOf(c, {"DFN '" + tableFile("search") + "'", "LDX DPT;", "GRA CHOWLIU;", "LDX GPT;", "MODEL;"}),
               "MODEL with GRA CHOWLIU is not available yet");
     // Nothing was built.
     EXPECT_EQ(reg(c, "MPT"), 0u);
@@ -199,7 +186,7 @@ TEST(Stats, NeedsATable) {
     Ctx c;
     ASSERT_TRUE(runLines(c, {"DFN '" + tableFile("notable") + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;",
                              "DEL DPT;"}));
-    EXPECT_EQ(failure(c, {"STATS;"}), "no data loaded");
+    EXPECT_EQ(failureOf(c, {"STATS;"}), "no data loaded");
 }
 
 TEST(Model, StoredModelReadsBackAndExports) {

@@ -53,11 +53,7 @@ const char* kThreeStates =
     "1,y\n"
     "0,z\n";
 
-std::string tableFile(const std::string& tag, const std::string& text = kTable) {
-    const std::string p = tmpPath("est_" + tag + ".csv");
-    writeFile(p, text);
-    return p;
-}
+std::string tableFile(const std::string& tag, const std::string& text = kTable) { return csvFile("est_" + tag, text); }
 
 std::vector<std::string> chainModel(const std::string& tag, const std::string& text = kTable) {
     return {"DFN '" + tableFile(tag, text) + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;"};

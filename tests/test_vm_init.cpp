@@ -36,20 +36,7 @@ const char* kTree =
     "x,p,1\n"
     "y,p,2\n";
 
-std::string tableFile(const std::string& tag, const std::string& text) {
-    const std::string p = tmpPath("init_" + tag + ".csv");
-    writeFile(p, text);
-    return p;
-}
-
-std::string failure(void* c, const std::vector<std::string>& lines) {
-    try {
-        runLines(c, lines);
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+std::string tableFile(const std::string& tag, const std::string& text) { return csvFile("init_" + tag, text); }
 
 QZ::CategoricalData* table(void* c) { return reinterpret_cast<QZ::CategoricalData*>(reg(c, "DPT")); }
 IOd* model(void* c) { return reinterpret_cast<IOd*>(reg(c, "MPT")); }
@@ -274,7 +261,7 @@ TEST(InitLatent, ChainDoesNothingEvenWithoutTheLatentColumns) {
 TEST(InitLatent, DeepBoltzmannTreeIsNotAvailableYet) {
     Ctx c;
     ASSERT_TRUE(runLines(c, {"DFN '" + tableFile("lat_dbt", kTree) + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;"}));
-    EXPECT_EQ(failure(c, {"GRA DBT;", "INITLATENT;"}), "INITLATENT with GRA DBT is not available yet");
+    EXPECT_EQ(failureOf(c, {"GRA DBT;", "INITLATENT;"}), "INITLATENT with GRA DBT is not available yet");
     EXPECT_EQ(table(c)->columns(), 3u);
 }
 

@@ -47,20 +47,7 @@ const char* kTable =
     "y,p,1\n"
     "x,q,2\n";
 
-std::string tableFile(const std::string& tag, const std::string& text = kTable) {
-    const std::string p = tmpPath("query_" + tag + ".csv");
-    writeFile(p, text);
-    return p;
-}
-
-std::string failure(void* c, const std::vector<std::string>& lines) {
-    try {
-        runLines(c, lines);
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+std::string tableFile(const std::string& tag, const std::string& text = kTable) { return csvFile("query_" + tag, text); }
 
 QZ::CategoricalData* table(void* c) { return reinterpret_cast<QZ::CategoricalData*>(reg(c, "DPT")); }
 IOd* model(void* c) { return reinterpret_cast<IOd*>(reg(c, "MPT")); }
@@ -363,12 +350,12 @@ TEST(Infer, ErrorsOfTheEngineAndModelChoicePassThrough) {
     {
         Ctx c;
         ASSERT_NE(build(c, "errors_ising"), nullptr);
-        EXPECT_EQ(failure(c, {"REP ISING;", "INFER;"}), "ISING is not available yet");
+        EXPECT_EQ(failureOf(c, {"REP ISING;", "INFER;"}), "ISING is not available yet");
     }
     {
         Ctx c;
         ASSERT_NE(build(c, "errors_jt"), nullptr);
-        EXPECT_EQ(failure(c, {"ALG JT;", "SCORE;"}), "JT is not available yet");
+        EXPECT_EQ(failureOf(c, {"ALG JT;", "SCORE;"}), "JT is not available yet");
     }
     for (const char* instr : {"PREDICT;", "SCORE;", "INFER;"}) {
         Ctx d;
@@ -376,7 +363,7 @@ TEST(Infer, ErrorsOfTheEngineAndModelChoicePassThrough) {
         wreg(d, "VAL", 3);
         ASSERT_TRUE(runLines(d, {"DFN '" + tableFile("errors_int") + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;",
                                  "MODEL;"}));
-        EXPECT_EQ(failure(d, {instr}), "BitLengthBP is not available yet") << instr;
+        EXPECT_EQ(failureOf(d, {instr}), "BitLengthBP is not available yet") << instr;
     }
 }
 

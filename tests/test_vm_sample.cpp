@@ -39,11 +39,7 @@ std::string tableText(size_t rows, size_t cols = 3) {
     return t;
 }
 
-std::string tableFile(const std::string& tag, const std::string& text) {
-    const std::string p = tmpPath("sample_" + tag + ".csv");
-    writeFile(p, text);
-    return p;
-}
+std::string tableFile(const std::string& tag, const std::string& text) { return csvFile("sample_" + tag, text); }
 
 // Builds the model over a chain from the table and gives it fixed weights of
 // order 1 that favour no state by symmetry.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -76,6 +77,24 @@ inline std::string readFile(const std::string& path) {
     std::stringstream ss;
     ss << f.rdbuf();
     return ss.str();
+}
+
+// Runs the lines and returns the message of the exception that ended the run,
+// or "" when the run succeeded.
+inline std::string failureOf(void* ctx, const std::vector<std::string>& lines) {
+    try {
+        runLines(ctx, lines);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+// Writes a text table under the build tree and returns its path.
+inline std::string csvFile(const std::string& name, const std::string& text) {
+    const std::string p = tmpPath(name + ".csv");
+    writeFile(p, text);
+    return p;
 }
 
 // A binary table file with no rows and n columns of sX categories each; the
