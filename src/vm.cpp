@@ -408,6 +408,13 @@ void vm_t::requireMPT() const {
     if (getP(MPT) == nullptr) throw std::logic_error("no model loaded");
 }
 
+// After the checks of an instruction that works on the model: a model whose
+// graph was released (DEL GPT), or which was given none, cannot be used until
+// a graph of its variables is loaded again.
+void vm_t::requireModelGraph() const {
+    if (modelLacksGraph()) throw std::logic_error("the model has no graph: load one with LDX GPT");
+}
+
 void vm_t::requireGPT() const {
     if (getP(GPT) == nullptr) throw std::logic_error("no graph loaded");
 }
@@ -737,15 +744,20 @@ bool vm_t::exec() {
         break;
     case ESTIMATE:
         requireMPT();
-        if (!noexec) estimateFunc();
+        if (!noexec) {
+            requireModelGraph();
+            estimateFunc();
+        }
         break;
     case STATS:
         requireMPT();
         requireGPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             statsFunc();
-        else
+        } else {
             set(MPT, (void*)1);
+        }
         break;
     case MODEL:
         requireGPT();
@@ -758,27 +770,37 @@ bool vm_t::exec() {
     case INFER:
         requireGPT();
         requireMPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             inferFunc();
-        else
+        } else {
             set(PPT, (void*)1);
+        }
         break;
     case PREDICT:
         requireMPT();
         requireDPT();
-        if (!noexec) predictFunc();
+        if (!noexec) {
+            requireModelGraph();
+            predictFunc();
+        }
         break;
     case SCORE:
         requireMPT();
         requireDPT();
-        if (!noexec) scoreFunc();
+        if (!noexec) {
+            requireModelGraph();
+            scoreFunc();
+        }
         break;
     case SAMPLE:
         requireMPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             sampleFunc();
-        else
+        } else {
             set(DPT, (void*)1);
+        }
         break;
     case CST:
         requireGPT();
@@ -803,16 +825,25 @@ bool vm_t::exec() {
         break;
     case INITGAUSS:
         requireMPT();
-        if (!noexec) initGauss();
+        if (!noexec) {
+            requireModelGraph();
+            initGauss();
+        }
         break;
     case INITZERO:
         requireMPT();
-        if (!noexec) initZero();
+        if (!noexec) {
+            requireModelGraph();
+            initZero();
+        }
         break;
     case CLOSEDFORM:
         requireGPT();
         requireMPT();
-        if (!noexec) closedForm();
+        if (!noexec) {
+            requireModelGraph();
+            closedForm();
+        }
         break;
     default:
         break;  // SET and anything without a branch do nothing
@@ -882,7 +913,10 @@ void vm_t::execStore() {
         std::string* mfn = getS(MFN);
         if (mfn == nullptr) throw std::logic_error("no model filename provided");
         if (file_exists(*mfn) && !getB(OVW)) throw std::logic_error("overwrite disabled but modelfile exists");
-        if (!noexec) storeModel();
+        if (!noexec) {
+            requireModelGraph();
+            storeModel();
+        }
         break;
     }
     case GPT: {

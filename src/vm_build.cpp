@@ -6,6 +6,8 @@
 #include <QZ/QZIO>
 #include <QZ/QZMRF>
 
+#include "vm_checks.h"
+
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -48,6 +50,7 @@ template <typename idx_t, typename val_t> void modelFunc0(vm_t& vm) {
         for (idx_t v = 0; v < n; ++v) io->Y[v] = (idx_t)D->categories(v);
     }
     const idx_t* Y = io->Y;
+    checkCounting<idx_t>(D, G, Y);
 
     idx_t d = 0;
     idx_t s, t;
@@ -92,6 +95,7 @@ template <typename idx_t, typename val_t> void statsFunc0(vm_t& vm) {
     // STATS does not require a table before it runs; counting without one is
     // reported like any other missing resource instead of reading nothing.
     if (D == nullptr || D == (void*)1) throw std::logic_error("no data loaded");
+    checkCounting<idx_t>(D, G, io->Y);
     // The earlier arrays are replaced, not released.
     if (sumStats<idx_t, val_t>(D, G, io->Y, vm.random_engine, io->E, io->woff, io->odim, io->sdim))
         io->num_instances = (idx_t)D->size();

@@ -106,6 +106,7 @@ bool vm_t::freeGraph() {
     // Null and the dry-pass sentinel hold nothing to delete; the index type is
     // only needed, and only checked, when there is a graph.
     if (p != nullptr && p != (void*)1) {
+        detachGraphFromModel(p);
         FreeGraphF f{p};
         if (!dispatchIdx(f)) throw std::logic_error("unsupported storage type");
     }
