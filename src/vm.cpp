@@ -272,10 +272,23 @@ void vm_t::setCode(std::vector<std::string>* L) {
 bool vm_t::run() {
     if (running()) return false;
     runningLock.lock();
-    isRunning = true;
+    // Host reads of the computed registers go to the published values from
+    // here on; a failed run lets them reach the objects again (nothing moves
+    // in a wedged context).
+    resLock.lock();
+    runner = std::this_thread::get_id();
+    struct Readers {
+        vm_t& vm;
+        ~Readers() {
+            vm.runner = std::thread::id();
+            vm.resLock.unlock();
+        }
+    } readers{*this};
+    publishComputed();
+    __atomic_store_n(&isRunning, true, __ATOMIC_SEQ_CST);
     // No clean-up path on purpose: a failed run leaves the context wedged.
     const bool result = parse(false);
-    isRunning = false;
+    __atomic_store_n(&isRunning, false, __ATOMIC_SEQ_CST);
     runningLock.unlock();
     return result;
 }
@@ -312,13 +325,35 @@ size_t vm_t::getRegValByName(const std::string reg) {
         switch (std::get<2>(row)) {
         case STRING: return (size_t)getS(std::get<1>(row));
         case POINTER: return (size_t)getP(std::get<1>(row));
-        default: return get(std::get<1>(row));
+        default: {
+            const VarType v = std::get<1>(row);
+            if (v == GVX || v == GEX || v == DIM) return computedForHost(v);
+            return get(v);
+        }
         }
     }
     return ~(size_t)0;
 }
 
 // ---------------------------------------------------------------- registers
+
+void vm_t::publishComputed() {
+    shownGVX = get(GVX);
+    shownGEX = get(GEX);
+    shownDIM = get(DIM);
+}
+
+size_t vm_t::computedForHost(VarType v) {
+    // The running thread itself (a callback) and any other thread during a
+    // run get the published value; otherwise nothing runs, and the objects
+    // are asked directly.
+    if (runner.load() != std::this_thread::get_id() && resLock.try_lock()) {
+        const size_t x = get(v);
+        resLock.unlock();
+        return x;
+    }
+    return v == GVX ? shownGVX.load() : v == GEX ? shownGEX.load() : shownDIM.load();
+}
 
 // The computed registers answer from the resources (or their dry-pass
 // sentinels); every other register is its stored bits. Only the computed ones
@@ -328,27 +363,27 @@ size_t vm_t::get(VarType v) const {
     switch (v) {
     case GVX:
     case GEX:
-        if (VS.at(MPT) == 1) return 1;
-        if (!noexec && VS.at(GPT) != 0) {
+        if (bits(MPT) == 1) return 1;
+        if (!noexec && bits(GPT) != 0) {
             size_t count;
             if (graphCount(v, count)) return count;
         }
         break;
     case DIM: {
-        const size_t mpt = VS.at(MPT);
+        const size_t mpt = bits(MPT);
         if (mpt == 1) return 1;
         if (mpt != 0) return getDim();
         break;
     }
     case NNN:
-        if (VS.at(DPT) == 1) return 1;
+        if (bits(DPT) == 1) return 1;
         break;
     case ONE:
         return 1;
     default:
         break;
     }
-    return VS.at(v);
+    return bits(v);
 }
 
 double vm_t::getR(VarType v) const {
@@ -360,7 +395,7 @@ double vm_t::getR(VarType v) const {
         std::uniform_real_distribution<double> U(0.0, 1.0);
         return U(*random_engine);
     }
-    const size_t b = VS.at(v);
+    const size_t b = bits(v);
     double d;
     std::memcpy(&d, &b, sizeof(d));
     return d;
@@ -374,34 +409,34 @@ void vm_t::set(VarType v, size_t x) {
     if (v == OMP) omp_set_num_threads((int)x);
     if (v == SEP && (char)(x & 0xff) == '|') throw std::out_of_range("separator | not supported");
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = x;
+    __atomic_store_n(&VS[v], (size_t)(x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, bool x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = x ? 1 : 0;
+    __atomic_store_n(&VS[v], (size_t)(x ? 1 : 0), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, char x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)(unsigned char)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)(unsigned char)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, double x) {
     size_t b;
     std::memcpy(&b, &x, sizeof(b));
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = b;
+    __atomic_store_n(&VS[v], (size_t)(b), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, std::string* x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, void* x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::requireMPT() const {
@@ -434,6 +469,7 @@ bool vm_t::parse(bool _noexec) {
         // parse0 takes its own copy of the line.
         ok = parse0(code->at(get(LNN)));
         if (ok) set(LNN, get(LNN) + 1);
+        publishComputed();
     }
     return ok;
 }

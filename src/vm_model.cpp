@@ -147,9 +147,8 @@ template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& v
     io->sdim = (idx_t)(vdim + dim);
 }
 
-template <typename idx_t, typename val_t> void detachGraph0(const vm_t& vm, const void* g) {
-    IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
-    if ((const void*)io->G == g) io->G = nullptr;
+template <typename idx_t, typename val_t> bool usesGraph0(const vm_t& vm, const void* g) {
+    return (const void*) static_cast<const IO<idx_t, val_t>*>(vm.getP(vm_t::MPT))->G == g;
 }
 
 template <typename idx_t, typename val_t> bool lacksGraph0(const vm_t& vm) {
@@ -187,10 +186,11 @@ struct AttachGraphF {
     template <typename idx_t, typename val_t> void operator()() { attachGraphToModel0<idx_t, val_t>(vm); }
 };
 
-struct DetachGraphF {
+struct UsesGraphF {
     const vm_t& vm;
     const void* g;
-    template <typename idx_t, typename val_t> void operator()() { detachGraph0<idx_t, val_t>(vm, g); }
+    bool result;
+    template <typename idx_t, typename val_t> void operator()() { result = usesGraph0<idx_t, val_t>(vm, g); }
 };
 
 struct LacksGraphF {
@@ -226,12 +226,15 @@ void vm_t::attachGraphToModel() {
     if (!isResource(getP(MPT)) || getP(GPT) == (void*)1) return;
     AttachGraphF f{*this};
     dispatch(f);
+    // The graph kept for the model after DEL GPT is no longer its graph.
+    if (keptGraph != nullptr && !modelUsesGraph(keptGraph)) dropKeptGraph();
 }
 
-void vm_t::detachGraphFromModel(const void* g) {
-    if (!isResource(getP(MPT))) return;
-    DetachGraphF f{*this, g};
+bool vm_t::modelUsesGraph(const void* g) const {
+    if (!isResource(getP(MPT))) return false;
+    UsesGraphF f{*this, g, false};
     dispatch(f);
+    return f.result;
 }
 
 bool vm_t::modelLacksGraph() const {
@@ -246,6 +249,8 @@ bool vm_t::freeModel() {
         FreeModelF f{*this};
         dispatch(f);
     }
+    // Nothing reads the graph DEL GPT kept for the model any more.
+    dropKeptGraph();
     set(MPT, (void*)nullptr);
     return true;
 }

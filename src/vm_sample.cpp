@@ -170,8 +170,8 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                             found = true;
                             break;
                         }
-                        // A vertex without edges has no block to perturb;
-                        // it is drawn below instead.
+                        // A vertex without edges has no block to perturb: it
+                        // gets no noise, and MM decides it as any other.
                         if (!found && nn > 0) {
                             // Noise shared by a whole block: the block of the
                             // first incident edge.
@@ -186,14 +186,6 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                     P->decode_weights();
                     en->infer((idx_t)1);
                     en->MM(X);
-                    // No edge ties a vertex without edges to anything, so the
-                    // model gives its states equal weight: an unobserved one
-                    // gets a uniform draw, where the maximum would always
-                    // say state 0.
-                    for (idx_t v = 0; v < n; ++v)
-                        if (G->num_neighbors(v) == 0 && !observedCell(D, i, v, cols) && Y[v] > 0)
-                            X[v] = (val_t)std::uniform_int_distribution<size_t>(0, (size_t)Y[v] - 1)(
-                                *local_random_engine);
                     std::memcpy(P->current_point(), io->w, sizeof(val_t) * (size_t)P->dim());
                 }
 
