@@ -284,6 +284,7 @@ bool vm_t::run() {
             vm.resLock.unlock();
         }
     } readers{*this};
+    shown = false;
     publishComputed();
     __atomic_store_n(&isRunning, true, __ATOMIC_SEQ_CST);
     // No clean-up path on purpose: a failed run leaves the context wedged.
@@ -337,21 +338,31 @@ size_t vm_t::getRegValByName(const std::string reg) {
 
 // ---------------------------------------------------------------- registers
 
+// Only once a thread from outside has asked during a run, so that a run
+// nobody watches never looks at its resources more often than it would.
 void vm_t::publishComputed() {
+    if (!pollers.load()) return;
     shownGVX = get(GVX);
     shownGEX = get(GEX);
     shownDIM = get(DIM);
+    shown = true;
 }
 
 size_t vm_t::computedForHost(VarType v) {
-    // The running thread itself (a callback) and any other thread during a
-    // run get the published value; otherwise nothing runs, and the objects
-    // are asked directly.
-    if (runner.load() != std::this_thread::get_id() && resLock.try_lock()) {
+    // The run's own threads (callbacks from the running thread or from a
+    // parallel loop of an instruction) see the objects as the instruction
+    // leaves them at the call. Any other thread asks the objects only while
+    // no run holds them; during a run it gets the values published after the
+    // last line (and the stored bits, as with no graph or model, until the
+    // first line after its first question has ended).
+    if (runner.load() == std::this_thread::get_id() || omp_in_parallel()) return get(v);
+    if (resLock.try_lock()) {
         const size_t x = get(v);
         resLock.unlock();
         return x;
     }
+    pollers = true;
+    if (!shown.load()) return bits(v);
     return v == GVX ? shownGVX.load() : v == GEX ? shownGEX.load() : shownDIM.load();
 }
 

@@ -228,6 +228,32 @@ TEST(Reliability, ReadingGraphRegistersWhileTheProgramReplacesTheGraph) {
     EXPECT_EQ(odd.load(), 0u);
 }
 
+namespace {
+
+void* g_readCtx = nullptr;
+std::atomic<size_t> g_readOdd{0}, g_readCalls{0};
+
+// A progress callback that reads registers; SAMPLE calls it from its threads.
+void readingProgress(size_t, size_t, const char*) {
+    const size_t v = reg(g_readCtx, "GVX"), e = reg(g_readCtx, "GEX"), d = reg(g_readCtx, "DIM");
+    reg(g_readCtx, "NXX");
+    reg(g_readCtx, "LNN");
+    if (v != 3 || e != 2 || d != 12) ++g_readOdd;
+    ++g_readCalls;
+}
+
+}  // namespace
+
+TEST(Reliability, ReadingRegistersFromProgressCallbacksOnWorkerThreads) {
+    Ctx c;
+    chainModel(c, "cbp");
+    g_readCtx = c;
+    wreg(c, "CBP", (size_t)&readingProgress);
+    ASSERT_TRUE(runLines(c, {"OMP 4", "SAMPLE;", "SCORE;", "PREDICT;"}));
+    EXPECT_GT(g_readCalls.load(), 60u);
+    EXPECT_EQ(g_readOdd.load(), 0u);
+}
+
 // ------------------------------------------------------------ graph sizes near the limits
 
 TEST(Reliability, GraphsTooLargeForMemoryEndInBadAlloc) {
