@@ -14,7 +14,9 @@
 #include <QZ/QZMRF>
 #include <QZ/QZOPT>
 
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -357,4 +359,21 @@ TEST(IntegerQuery, ScoreIsAnIntegerMeanAndSampleKeepsFullRows) {
     EXPECT_EQ(D->get(1, 1), 1u);
     EXPECT_EQ(D->get(3, 0), 0u);
     EXPECT_EQ(std::vector<unsigned short>(io->w, io->w + 4), std::vector<unsigned short>(w, w + 4));
+}
+
+TEST(IntegerExample, VotesAsAnIntegerModelRunFromTheRepositoryRoot) {
+    const std::string cmd =
+        "cd " + std::string(QZ_SOURCE_DIR) + " && " + QZ_QZRUN + " examples/vote_integer.qz -p DIM -p LNZ 2>&1";
+    FILE* f = popen(cmd.c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    std::string out;
+    char buf[256];
+    while (fgets(buf, sizeof buf, f) != nullptr) out += buf;
+    EXPECT_EQ(pclose(f), 0) << out;
+    // 136 binary edges, and a bit length as the log partition value.
+    EXPECT_EQ(out.substr(0, 8), "DIM=544\n");
+    ASSERT_EQ(out.substr(8, 4), "LNZ=");
+    const double lnz = std::stod(out.substr(12));
+    EXPECT_GE(lnz, 1.0);
+    EXPECT_EQ(lnz, std::floor(lnz));
 }
