@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <omp.h>
 
 namespace QZ {
@@ -272,23 +273,14 @@ void vm_t::setCode(std::vector<std::string>* L) {
 bool vm_t::run() {
     if (running()) return false;
     runningLock.lock();
-    // Host reads of the computed registers go to the published values from
-    // here on; a failed run lets them reach the objects again (nothing moves
-    // in a wedged context).
-    resLock.lock();
+    // The running thread reads the computed registers straight from the
+    // objects, as the line loop does (see computedForHost). A failed run
+    // keeps it the runner: the context is wedged and nothing else runs.
     runner = std::this_thread::get_id();
-    struct Readers {
-        vm_t& vm;
-        ~Readers() {
-            vm.runner = std::thread::id();
-            vm.resLock.unlock();
-        }
-    } readers{*this};
-    shown = false;
-    publishComputed();
     __atomic_store_n(&isRunning, true, __ATOMIC_SEQ_CST);
     // No clean-up path on purpose: a failed run leaves the context wedged.
     const bool result = parse(false);
+    runner = std::thread::id();
     __atomic_store_n(&isRunning, false, __ATOMIC_SEQ_CST);
     runningLock.unlock();
     return result;
@@ -338,8 +330,9 @@ size_t vm_t::getRegValByName(const std::string reg) {
 
 // ---------------------------------------------------------------- registers
 
-// Only once a thread from outside has asked during a run, so that a run
-// nobody watches never looks at its resources more often than it would.
+// Only once a thread from outside has asked while the resources were being
+// changed, so that a run nobody watches never looks at them more often than
+// the program does.
 void vm_t::publishComputed() {
     if (!pollers.load()) return;
     shownGVX = get(GVX);
@@ -349,18 +342,15 @@ void vm_t::publishComputed() {
 }
 
 size_t vm_t::computedForHost(VarType v) {
-    // The run's own threads (callbacks from the running thread or from a
+    // The run's own threads (the running thread, callbacks from it or from a
     // parallel loop of an instruction) see the objects as the instruction
-    // leaves them at the call. Any other thread asks the objects only while
-    // no run holds them; during a run it gets the values published after the
-    // last line (and the stored bits, as with no graph or model, until the
-    // first line after its first question has ended).
+    // leaves them at that point. Any other thread asks the objects only
+    // while no instruction is changing them (resLock); during one that does,
+    // it gets the values published at the end of the last such instruction
+    // (the stored bits, as with no graph or model, before the first).
     if (runner.load() == std::this_thread::get_id() || omp_in_parallel()) return get(v);
-    if (resLock.try_lock()) {
-        const size_t x = get(v);
-        resLock.unlock();
-        return x;
-    }
+    std::unique_lock<std::mutex> quiet(resLock, std::try_to_lock);
+    if (quiet.owns_lock()) return get(v);
     pollers = true;
     if (!shown.load()) return bits(v);
     return v == GVX ? shownGVX.load() : v == GEX ? shownGEX.load() : shownDIM.load();
@@ -395,6 +385,23 @@ size_t vm_t::get(VarType v) const {
         break;
     }
     return bits(v);
+}
+
+// The instructions that make, replace or release a table, graph or model, or
+// change the sizes a graph or model reports.
+static bool changesResources(vm_t::OpType op) {
+    switch (op) {
+    case vm_t::LOAD:
+    case vm_t::FREE:
+    case vm_t::MODEL:
+    case vm_t::STATS:
+    case vm_t::CST:
+    case vm_t::CBT:
+    case vm_t::CJT:
+    case vm_t::BASE:
+    case vm_t::INITLAT: return true;
+    default: return false;
+    }
 }
 
 double vm_t::getR(VarType v) const {
@@ -480,7 +487,6 @@ bool vm_t::parse(bool _noexec) {
         // parse0 takes its own copy of the line.
         ok = parse0(code->at(get(LNN)));
         if (ok) set(LNN, get(LNN) + 1);
-        publishComputed();
     }
     return ok;
 }
@@ -703,6 +709,20 @@ size_t vm_t::lineOperand(VarType r) {
 bool vm_t::exec() {
     execPending = false;
     (void)get(GRA);
+    // Readers on other threads wait for no instruction: while one changes the
+    // resources they are answered from what was published before. An
+    // instruction that fails keeps the lock, since it may have left the
+    // resources half changed (the context is wedged from then on).
+    struct Changing {
+        std::mutex* m;
+        vm_t& vm;
+        ~Changing() {
+            if (m == nullptr || std::uncaught_exceptions() > 0) return;
+            vm.publishComputed();
+            m->unlock();
+        }
+    } changing{changesResources(op) ? &resLock : nullptr, *this};
+    if (changing.m != nullptr) changing.m->lock();
     switch (op) {
     case ADD: {
         const double a = numRead(target), b = numRead(source);
