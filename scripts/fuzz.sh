@@ -37,6 +37,10 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export OMP_WAIT_POLICY=passive
+# For the sanitizer build: reports go to standard error, where the hosts read
+# them; an allocation above 3 GB is refused as if memory had run out.
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=0:alloc_dealloc_mismatch=0:allocator_may_return_null=1:max_allocation_size_mb=3072}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1}"
 status=0
 for t in "${targets[@]}"; do
   "$dir/tests/fuzz/$t" --seed "$seed" --count "$count" --out "$scratch" "${extra[@]}" || status=1

@@ -38,6 +38,7 @@ template <typename idx_t, typename val_t> void modelFunc0(vm_t& vm) {
     }
     const idx_t* Y = io->Y;
     checkCounting<idx_t>(D, G, Y);
+    if (gra == vm_t::CLIQUES) checkSubsets<idx_t>((size_t)n, Y, vm.get(vm_t::KXX));
 
     idx_t d = 0;
     idx_t s, t;

@@ -10,6 +10,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace QZ {
 
@@ -51,6 +52,38 @@ template <typename idx_t> void checkCounting(const CategoricalData* D, const Abs
     checkedSum<idx_t>(2, [&](size_t k) { return k == 0 ? vdim : dim; }, "statistics");
     checkedSum<idx_t>(3, [&](size_t k) { return k == 0 ? n : k == 1 ? m : 1; }, "offsets");
     checkCells<idx_t>(D, n, Y);
+}
+
+// The counting for a clique search lays out a block for every subset of up
+// to k columns, sized by the product of their states, with offsets and the
+// statistics of one and two columns in idx_t: every size and offset must fit
+// it. Sums go by the number of subsets and the elementary symmetric sums of
+// the state counts, degree by degree.
+template <typename idx_t> void checkSubsets(size_t n, const idx_t* Y, size_t k) {
+    const size_t most = (size_t)(idx_t)~(idx_t)0;
+    if (k > n) k = n;
+    // e[l]: the sum of the block sizes of the subsets of l columns; c[l]:
+    // their number. A value past what idx_t holds is marked, not kept.
+    std::vector<size_t> e(k + 1, 0), c(k + 1, 0);
+    std::vector<char> eOver(k + 1, 0), cOver(k + 1, 0);
+    e[0] = c[0] = 1;
+    const auto addTimes = [most](size_t& to, char& over, size_t from, char fromOver, size_t times) {
+        size_t p;
+        if (fromOver || __builtin_mul_overflow(from, times, &p) || p > most || __builtin_add_overflow(to, p, &to) ||
+            to > most)
+            over = 1;
+    };
+    for (size_t v = 0; v < n; ++v)
+        for (size_t l = (v + 1 < k ? v + 1 : k); l >= 1; --l) {
+            addTimes(e[l], eOver[l], e[l - 1], eOver[l - 1], (size_t)Y[v]);
+            addTimes(c[l], cOver[l], c[l - 1], cOver[l - 1], 1);
+        }
+    size_t blocks = 0, offsets = 0;
+    for (size_t l = 0; l <= k; ++l) {
+        if (l > 0 && (eOver[l] || __builtin_add_overflow(blocks, e[l], &blocks) || blocks > most))
+            tooMany<idx_t>("statistics");
+        if (cOver[l] || __builtin_add_overflow(offsets, c[l], &offsets) || offsets > most) tooMany<idx_t>("offsets");
+    }
 }
 
 }  // namespace QZ

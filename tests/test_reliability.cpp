@@ -473,6 +473,19 @@ TEST(Reliability, ModelTooLargeForItsIndexTypeIsReported) {
               "");
 }
 
+TEST(Reliability, CliqueSearchTooLargeForItsIndexTypeIsReported) {
+    // Six columns of four states: the pairs alone need 15 blocks of 16 counts.
+    std::string t = "a,b,c,d,e,f\ns,s,s,s,s,s\n";
+    for (int r = 0; r < 8; ++r) {
+        for (int j = 0; j < 6; ++j) t += std::string(j ? "," : "") + (char)('w' + (r + j) % 4);
+        t += "\n";
+    }
+    const std::string f = csvFile("rel_cliques8", t);
+    Ctx c;
+    EXPECT_EQ(failureOf(c, {"idx_t UINT8", "DFN " + quoted(f), "LDX DPT;", "GRA CLIQUES", "LDX GPT;", "MODEL;"}),
+              "too many statistics for idx_t of 8 bits");
+}
+
 // ------------------------------------------------------------ failed writes
 
 TEST(Reliability, StoresIntoAMissingFolderAreReported) {

@@ -171,6 +171,13 @@ inline Outcome runChild(const std::function<void()>& body, int seconds) {
 }
 
 inline Outcome sortOut(int status, const std::string& out, int seconds) {
+    // The address sanitizer's operator new reports an allocation it cannot
+    // serve and stops, where the library's own allocator throws
+    // std::bad_alloc: a clean error either way.
+    if (out.find("AddressSanitizer: allocator is out of memory") != std::string::npos ||
+        out.find("AddressSanitizer: requested allocation size") != std::string::npos ||
+        out.find("AddressSanitizer: out of memory") != std::string::npos)
+        return {"error", "std::bad_alloc (the sanitizer's allocator gave up)", ""};
     const bool sanitizer = out.find("ERROR: AddressSanitizer") != std::string::npos ||
                            out.find("runtime error:") != std::string::npos ||
                            out.find("ERROR: LeakSanitizer") != std::string::npos ||
