@@ -255,9 +255,6 @@ TEST(EngineBuild, EnginesNotBuiltYetSayWhich) {
     Ctx c;
     ASSERT_TRUE(runLines(c, chainModel("jt")));
     EXPECT_EQ(failure<std::logic_error>(c, {"ALG JT;", "ALG GD;", "ESTIMATE;"}), "JT is not available yet");
-    Ctx d;
-    ASSERT_TRUE(runLines(d, chainModel("sqm")));
-    EXPECT_EQ(failure<std::logic_error>(d, {"ALG SQM;", "ALG GD;", "ESTIMATE;"}), "SQM is not available yet");
 }
 
 TEST(EngineBuild, ExternalEngineFromTheFactory) {
