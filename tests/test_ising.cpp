@@ -122,6 +122,30 @@ TEST(Ising, FieldOfTheMiddleOfAChainGoesToTheSecondEndOfEdgeZero) {
     EXPECT_EQ(M.w, (std::vector<double>{0, 0.7, 0.5, 2.0 + 0.5 + 0.7, 0, -1.25, 0, -0.5 - 1.25}));
 }
 
+template <typename I, typename V> void expectChainDecode() {
+    auto G = makeGraph<I>(3, {{0, 1}, {1, 2}});
+    std::vector<I> Y(3, 2);
+    std::vector<V> w(8, (V)9);
+    QZ::LBP<I, V> E(G.get(), Y.data(), nullptr, w.data(), false);
+    QZ::Ising<I, V> P(&E);
+    EXPECT_EQ(P.dim(), (I)5);
+    V* l = P.current_point();
+    for (int i = 0; i < 5; ++i) l[i] = (V)(i + 1);
+    P.decode_weights();
+    EXPECT_EQ(w, (std::vector<V>{0, 2, 1, 4 + 1 + 2, 0, 3, 0, 5 + 3}));
+}
+
+TEST(Ising, EveryFloatingInstanceDecodesTheSame) {
+    expectChainDecode<unsigned char, float>();
+    expectChainDecode<unsigned short, float>();
+    expectChainDecode<unsigned int, float>();
+    expectChainDecode<unsigned long, float>();
+    expectChainDecode<unsigned char, double>();
+    expectChainDecode<unsigned short, double>();
+    expectChainDecode<unsigned int, double>();
+    expectChainDecode<unsigned long, double>();
+}
+
 TEST(Ising, AllCompactZeroGivesAllWeightsZero) {
     Model M(4, {{0, 1}, {2, 1}, {2, 3}});
     for (double& x : M.w) x = 3.5;
