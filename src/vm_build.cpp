@@ -6,6 +6,8 @@
 #include <QZ/QZIO>
 #include <QZ/QZMRF>
 
+#include "vm_struct.h"
+
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,23 +16,9 @@ namespace QZ {
 
 namespace {
 
-// The graph kinds whose MODEL replaces the graph by a structure search. The
-// search is not part of this build: such a MODEL fails before it touches
-// anything, instead of building a model over the placeholder graph.
-const char* structureSearchName(size_t gra) {
-    switch (gra) {
-    case vm_t::CLIQUES: return "CLIQUES";
-    case vm_t::RNDCLIQUES: return "RNDCLIQUES";
-    case vm_t::CHOWLIU: return "CHOWLIU";
-    case vm_t::ELEMGM: return "ELEMGM";
-    default: return nullptr;
-    }
-}
-
 template <typename idx_t, typename val_t> void modelFunc0(vm_t& vm) {
     const size_t gra = vm.get(vm_t::GRA);
-    if (const char* search = structureSearchName(gra))
-        throw std::logic_error(std::string("MODEL with GRA ") + search + " is not available yet");
+    struct_detail::checkSearch(vm, static_cast<AbstractGraph<idx_t>*>(vm.getP(vm_t::GPT))->vertices());
 
     CategoricalData* D = static_cast<CategoricalData*>(vm.getP(vm_t::DPT));
     // The container goes into MPT at once, so that a failure below leaves
@@ -78,10 +66,12 @@ template <typename idx_t, typename val_t> void modelFunc0(vm_t& vm) {
     }
     io->llist = convertList(vm.getLP(vm_t::LPT));
 
-    const bool ret = sumStats<idx_t, val_t>(D, G, io->Y, vm.random_engine, io->E, io->woff, io->odim, io->sdim);
+    const bool ret = struct_detail::countStats<idx_t, val_t>(vm, io, D, G);
     if (!ret) throw std::logic_error("can not compute sufficient statistics (most likely out of memory)");
 
-    vm.set(vm_t::RES, -1.0);
+    // A search replaces io->G, and with it the sized fields, the counts of
+    // the edges and the weights.
+    vm.set(vm_t::RES, struct_detail::searchStructure<idx_t, val_t>(vm, io, D));
     vm.set(vm_t::GPT, (void*)io->G);
 }
 

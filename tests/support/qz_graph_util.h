@@ -6,6 +6,7 @@
 #include <QZ/QZGRAPH>
 
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -38,6 +39,17 @@ template <typename idx_t> std::vector<size_t> incidence(const QZ::AbstractGraph<
     std::vector<size_t> r;
     for (size_t i = 0; i < (size_t)G.num_neighbors(v); ++i) r.push_back((size_t)G.in_edge(v, (idx_t)i));
     return r;
+}
+
+// Whether the edges join all n vertices into one component.
+inline bool connected(size_t n, const EdgeList& E) {
+    std::vector<size_t> comp(n);
+    for (size_t v = 0; v < n; ++v) comp[v] = v;
+    std::function<size_t(size_t)> find = [&](size_t v) { return comp[v] == v ? v : comp[v] = find(comp[v]); };
+    for (const auto& e : E) comp[find(e.first)] = find(e.second);
+    for (size_t v = 0; v < n; ++v)
+        if (find(v) != find(0)) return false;
+    return true;
 }
 
 }  // namespace qztest
