@@ -72,7 +72,7 @@ template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t
             ia->setEpsilon((val_t)getR(EPL));
             return ia;
         }
-        case JT: engine_detail::notYet("JT");
+        case JT: return new HuginAlgorithm<idx_t, val_t>(io->G, io->Y, random_engine, io->w);
         case SQM: {
             // The sampling engine is always the variant that visits each
             // tuple of the expansion once; KXX is the degree of the polynomial.

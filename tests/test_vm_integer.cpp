@@ -239,6 +239,39 @@ TEST(IntegerBuild, ModelIsIntegerWhateverRepSays) {
     ASSERT_TRUE(runLines(c, {"ALG IGD;", "MIO 5", "ESTIMATE;"}));
 }
 
+TEST(IntegerBuild, BlockSearchGetsOneBlockPerEdgeEndingAtTheDimension) {
+    // Columns of 2, 3 and 2 states: blocks of 6 and 6 weights.
+    Ctx c;
+    ASSERT_TRUE(runLines(c, chainModel("groups", "UINT32", "a,b,c\nd,d,d\n0,x,0\n1,y,1\n0,z,1\n")));
+    ASSERT_TRUE(runLines(c, {"ALG IGD;", "KXX 7", "MIO 0"}));
+    vm_t* vm = vmOf(c);
+    auto* IA = vm->getIA<unsigned int, unsigned int>();
+    auto* P = vm->getMOD<unsigned int, unsigned int>(IA);
+    unsigned int* mu = vm->initMU<unsigned int, unsigned int>(P);
+    QZ::Optimizer<unsigned int, unsigned int, true>* O = vm->learn<unsigned int, unsigned int>(P);
+    auto* I = dynamic_cast<QZ::IntGD<unsigned int, unsigned int>*>(O);
+    ASSERT_NE(I, nullptr);
+    EXPECT_EQ(I->num_groups, 2u);
+    EXPECT_EQ(std::vector<unsigned int>(I->groups, I->groups + 3), (std::vector<unsigned int>{0, 6, 12}));
+    EXPECT_EQ(I->groups[2], P->dim());
+    EXPECT_EQ(I->k, 7u);
+    EXPECT_EQ(I->random_engine, vm->random_engine);
+    // MIO 0: the loop is skipped and RES holds all ones.
+    EXPECT_EQ(reg(c, "RES"), (size_t)(unsigned int)-1);
+    delete O;
+    vm->set(vm_t::OPT, (size_t)vm_t::EA11);
+    O = vm->learn<unsigned int, unsigned int>(P);
+    auto* E = dynamic_cast<QZ::EA11<unsigned int, unsigned int>*>(O);
+    ASSERT_NE(E, nullptr);
+    EXPECT_EQ(E->k, 7u);
+    EXPECT_EQ(E->b, 3u);
+    EXPECT_EQ(E->random_engine, vm->random_engine);
+    delete O;
+    delete P;
+    delete[] mu;
+    delete IA;
+}
+
 TEST(IntegerBuild, FloatingMethodsAreUnknownToIntegerModels) {
     for (const char* alg : {"ALG GD;", "ALG PL1;", "ALG FL1;", "ALG EXTO;", "OPT 0"}) {
         Ctx c;
@@ -325,6 +358,15 @@ TEST(IntegerQuery, PredictGivesTheStateOfLargestMaxMarginal) {
     // Observed cells keep their state.
     EXPECT_EQ(D->get(0, 0), 0u);
     EXPECT_EQ(D->get(2, 1), 2u);
+}
+
+TEST(IntegerQuery, ScoreOfAnEmptyTableIsZero) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, chainModel("score_empty", "UINT64")));
+    ASSERT_TRUE(runLines(c, {"DEL DPT;", "DFN '" + csvFile("int_empty", "a,b,c\nd,d,d\n") + "'", "LDX DPT;"}));
+    ASSERT_EQ(reinterpret_cast<QZ::CategoricalData*>(reg(c, "DPT"))->rows(), 0u);
+    ASSERT_TRUE(runLines(c, {"SCORE;"}));
+    EXPECT_EQ(regR(c, "RES"), 0.0);
 }
 
 TEST(IntegerQuery, ScoreIsAnIntegerMeanAndSampleKeepsFullRows) {
