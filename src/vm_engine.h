@@ -106,7 +106,19 @@ template <typename idx_t, typename val_t> AbstractMRF<idx_t, val_t>* vm_t::getMO
     if constexpr (std::is_floating_point<val_t>::value) {
         const size_t rep = get(REP);
         if (rep == NONE) return new MRF<idx_t, val_t>(IA);
-        if (rep == ISING) return new Ising<idx_t, val_t>(IA);
+        if (rep == ISING) {
+            Ising<idx_t, val_t>* P = new Ising<idx_t, val_t>(IA);
+            // Its n + m parameters travel in the container's weights, which
+            // hold 4m: a graph of many vertices without edges has no room.
+            const IO<idx_t, val_t>* io = static_cast<const IO<idx_t, val_t>*>(getP(MPT));
+            if ((size_t)P->dim() > (size_t)io->dim) {
+                const size_t need = (size_t)P->dim(), have = (size_t)io->dim;
+                delete P;
+                throw std::logic_error("the Ising model needs " + std::to_string(need) + " parameters, more than the " +
+                                       std::to_string(have) + " weights of the model (too many vertices without edges)");
+            }
+            return P;
+        }
         // Every other value, the two non-decay ones included, is a decay law.
         engine_detail::notYet("STRF");
     } else {

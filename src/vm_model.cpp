@@ -59,11 +59,14 @@ template <typename idx_t, typename val_t> void freeModel0(const vm_t& vm) {
     if (!io->external()) delete io;
 }
 
-// The number of variables of a model: those of its graph, or, once the graph
-// is gone, one per list of state names. 0 when neither tells.
+const size_t UNKNOWN_COUNT = ~(size_t)0;
+
+// The number of variables of a model: those of its graph, or, without one,
+// one per list of state names; UNKNOWN_COUNT when neither tells (a container
+// a host made with only its state counts).
 template <typename idx_t, typename val_t> size_t modelVertices(const IO<idx_t, val_t>* io) {
     if (io->G != nullptr) return (size_t)io->G->vertices();
-    return io->Ynames != nullptr ? io->Ynames->size() : 0;
+    return io->Ynames != nullptr ? io->Ynames->size() : UNKNOWN_COUNT;
 }
 
 // A new graph over the same variables: the container's offsets, statistics
@@ -85,7 +88,7 @@ template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& v
     }
     const size_t V = (size_t)G->vertices(), M = (size_t)G->edges();
     const size_t Vm = modelVertices(io);
-    if (Vm != 0 && Vm != V)
+    if (Vm != UNKNOWN_COUNT && Vm != V)
         throw std::logic_error("the graph has " + std::to_string(V) + " vertices, but the model has " +
                                std::to_string(Vm) + " variables");
     io->gtype = (idx_t)vm.get(vm_t::GRA);

@@ -188,7 +188,8 @@ TEST(ExactQueries, InferGivesExactMarginalsWhateverTheFirstRowSays) {
     size_t k = 0;
     for (size_t v = 0; v < io->G->vertices(); ++v) {
         double s = 0;
-        for (size_t x = 0; x < io->Y[v]; ++x) s += PP[k++];
+        // The second INFER has freed the first array: its own is read.
+        for (size_t x = 0; x < io->Y[v]; ++x) s += PP2[k++];
         EXPECT_NEAR(s, 1.0, 1e-12);
     }
     // Weights unchanged by the queries.

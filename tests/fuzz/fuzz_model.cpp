@@ -9,6 +9,17 @@ using namespace qzfuzz;
 namespace {
 
 std::string mutate(Rng& r, std::string b, const std::string& table) {
+    if (chance(r, 0.3) && !b.empty()) {
+        // Only the counts and weights at the end change (NaN, infinities,
+        // huge values): the file still loads, and the queries see them.
+        const size_t from = b.size() - b.size() / 3;
+        for (size_t j = 0; j < 1 + pick(r, 8); ++j) {
+            const size_t at = from + pick(r, b.size() - from);
+            b[at] = (char)oneOf(r, std::vector<int>{0x00, 0x7f, 0xff, 0xf0, 0x80, (int)pick(r, 256)});
+        }
+        return b;
+    }
+    if (chance(r, 0.1)) return b;  // whole, perhaps under other types
     const size_t k = 1 + pick(r, 3);
     for (size_t j = 0; j < k; ++j) {
         if (b.empty()) break;
