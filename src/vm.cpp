@@ -365,7 +365,7 @@ size_t vm_t::get(VarType v) const {
     case GVX:
     case GEX:
         if (bits(MPT) == 1) return 1;
-        if (!noexec && bits(GPT) != 0) {
+        if (!__atomic_load_n(&noexec, __ATOMIC_RELAXED) && bits(GPT) != 0) {
             size_t count;
             if (graphCount(v, count)) return count;
         }
@@ -479,7 +479,8 @@ void vm_t::requireDPT() const {
 // ---------------------------------------------------------------- scanner
 
 bool vm_t::parse(bool _noexec) {
-    noexec = _noexec;
+    // Read by get() on threads that poll registers during a run.
+    __atomic_store_n(&noexec, _noexec, __ATOMIC_RELAXED);
     bool ok = true;
     // A context that never received a program runs an empty one.
     if (code == nullptr) return ok;

@@ -206,6 +206,8 @@ TEST(Reliability, ReadingGraphRegistersWhileTheProgramReplacesTheGraph) {
         ASSERT_TRUE(runLines(m, {"MFN " + quoted(mfn), "STORE MPT;"}));
     }
     wreg(c, "TXX", 300);
+    // Stored before the run, so that every poll has one of the known answers.
+    wreg(c, "GVX", 30);
     ASSERT_TRUE(setCode(c, {"GRA FULL", "GVX 30", "MFN " + quoted(mfn), "KXX 0", "BRR 4",
                             "GRA FULL LDX GPT;", "DEL GPT;", "LDX MPT;", "DEL GPT;", "DEL MPT;", "INC KXX;",
                             "BLT KXX TXX BRR;"}));
