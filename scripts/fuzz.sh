@@ -5,7 +5,7 @@
 # any input ended in a defect (a crash, a sanitizer report, an undocumented
 # assertion, a hang).
 #
-#   scripts/fuzz.sh --short [--build DIR]          seeded, some 2500 inputs (the CI step)
+#   scripts/fuzz.sh --short [--build DIR]          seeded, 3000 inputs (the CI step)
 #   scripts/fuzz.sh --long [--seed S] [--count N] [--build DIR]
 #
 # The hosts are built in DIR (default build-asan, the sanitizer build of
@@ -28,7 +28,7 @@ targets=(fuzz_program fuzz_csv fuzz_bin fuzz_model fuzz_adj)
 cmake --build "$dir" -j"$(nproc)" --target "${targets[@]}" >/dev/null
 if [ "$mode" = short ]; then
   # A fixed seed and count, each host stopped after 30 s on a slow machine.
-  : "${count:=500}"
+  : "${count:=600}"
   extra=(--budget 30)
 else
   : "${count:=20000}"
