@@ -79,9 +79,23 @@ struct LoadGraphF {
     template <typename idx_t, typename val_t> void operator()() { loadGraph0<idx_t, val_t>(vm); }
 };
 
+// A graph derived from another (by a conversion, or read with a model of
+// several slices) is built on it, and nothing else holds the graph below once
+// the derived one leaves GPT: the two go together.
+template <typename idx_t> void releaseGraph(AbstractGraph<idx_t>* G) {
+    while (G != nullptr) {
+        const AbstractGraph<idx_t>* under = nullptr;
+        if (const STGraph<idx_t>* st = dynamic_cast<const STGraph<idx_t>*>(G)) under = st->base();
+        else if (const JunctionTree<idx_t>* jt = dynamic_cast<const JunctionTree<idx_t>*>(G)) under = jt->base();
+        else if (const DeepBoltzmannTree<idx_t>* db = dynamic_cast<const DeepBoltzmannTree<idx_t>*>(G)) under = db->base();
+        delete G;
+        G = const_cast<AbstractGraph<idx_t>*>(under);
+    }
+}
+
 struct FreeGraphF {
     void* p;
-    template <typename idx_t> void operator()() { delete static_cast<AbstractGraph<idx_t>*>(p); }
+    template <typename idx_t> void operator()() { releaseGraph<idx_t>(static_cast<AbstractGraph<idx_t>*>(p)); }
 };
 
 struct GraphCountF {
