@@ -11,6 +11,7 @@
 #include <QZ/QZMRF>
 #include <QZ/QZOPT>
 
+#include <limits>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -46,6 +47,17 @@ inline bool externalPairOk(const vm_t& vm) {
     return (V == vm_t::valFLT32 || V == vm_t::valFLT64) && I <= vm_t::idxUINT64;
 }
 
+// A real register truncated to an integer value type, through a signed
+// integer so that -1 becomes all ones (the value that switches a test off).
+// Values beyond the range of a 64-bit signed integer saturate there, and NaN
+// gives 0.
+template <typename val_t> inline val_t truncated(const double& r) {
+    if (!(r == r)) return 0;
+    if (r >= 9223372036854775807.0) return (val_t)std::numeric_limits<long long>::max();
+    if (r <= -9223372036854775808.0) return (val_t)std::numeric_limits<long long>::min();
+    return (val_t)(long long)r;
+}
+
 }  // namespace engine_detail
 
 template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t::getIA() {
@@ -77,9 +89,10 @@ template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t
         throw std::out_of_range("unknown inference algorithm");
     } else {
         // Integer models have a single engine, whatever INF and TRE say.
-        (void)io;
-        (void)mil;
-        engine_detail::notYet("BitLengthBP");
+        BitLengthBP<idx_t>* ia = new BitLengthBP<idx_t>(io->G, io->Y, random_engine, io->w, false);
+        ia->setMaxIter(mil);
+        ia->setEpsilon(engine_detail::truncated<val_t>(getR(EPL)));
+        return ia;
     }
 }
 
@@ -87,12 +100,12 @@ template <typename idx_t, typename val_t> AbstractMRF<idx_t, val_t>* vm_t::getMO
     if constexpr (std::is_floating_point<val_t>::value) {
         const size_t rep = get(REP);
         if (rep == NONE) return new MRF<idx_t, val_t>(IA);
-        if (rep == ISING) engine_detail::notYet("ISING");
+        if (rep == ISING) return new Ising<idx_t, val_t>(IA);
         // Every other value, the two non-decay ones included, is a decay law.
         engine_detail::notYet("STRF");
     } else {
-        (void)IA;
-        engine_detail::notYet("IntegerMRF");
+        // REP is not read: no reparametrisation exists for integer weights.
+        return new IntegerMRF<idx_t>((idx_t)get(KXX), IA);
     }
 }
 

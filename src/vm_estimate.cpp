@@ -45,18 +45,38 @@ template <typename idx_t, typename val_t> Optimizer<idx_t, val_t, true>* vm_t::l
         set(RES, (double)res);
         return O;
     } else {
-        (void)P;
-        (void)io;
-        (void)cbu;
-        (void)cbo;
-        if (opt == IGD) engine_detail::notYet("IGD");
-        if (opt == EA11) engine_detail::notYet("EA11");
-        throw std::out_of_range("unknown optimization algorithm");
+        Optimizer<idx_t, val_t, true>* O = nullptr;
+        bool elite = false;
+        if (opt == IGD) {
+            // One block per edge: the search moves the weights of one edge
+            // at a time.
+            const AbstractGraph<idx_t>* G = io->G;
+            const idx_t m = G->edges();
+            idx_t* groups = new idx_t[(size_t)m + 1];
+            idx_t o = 0, s = 0, t = 0;
+            for (idx_t e = 0; e < m; ++e) {
+                G->edge(e, s, t);
+                groups[e] = o;
+                o += io->Y[s] * io->Y[t];
+            }
+            groups[m] = o;
+            O = new IntGD<idx_t, val_t>(groups, m, (idx_t)get(KXX));
+        } else if (opt == EA11) {
+            O = new QZ::EA11<idx_t, val_t>((idx_t)get(KXX));
+            elite = true;
+        } else {
+            throw std::out_of_range("unknown optimization algorithm");
+        }
+        O->setRandEng(random_engine);
+        O->setEps(engine_detail::truncated<val_t>(getR(EPO)));
+        const val_t res = O->opt(P, cbu, cbo, io, (idx_t)get(MIO), engine_detail::truncated<val_t>(getR(STP)), elite,
+                                 0, 0);
+        set(RES, (size_t)res);
+        return O;
     }
 }
 
-// Every instantiation exists in the library, also those whose ESTIMATE stops
-// earlier at an engine that is not built yet.
+// Every instantiation exists in the library.
 #define QZ_LEARN(I, V) template Optimizer<I, V, true>* vm_t::learn<I, V>(void*);
 QZ_LEARN(unsigned char, float)
 QZ_LEARN(unsigned short, float)

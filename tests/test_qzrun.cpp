@@ -1,5 +1,6 @@
 // qzrun as users start it: a process with exit codes and messages.
 #include <gtest/gtest.h>
+#include <qz_process_util.h>
 #include <qz_test_util.h>
 
 #include <sys/wait.h>
@@ -12,37 +13,12 @@ using namespace qztest;
 
 namespace {
 
-struct Result {
-    int code;
-    std::string out;
-    std::string err;
-};
+typedef ProcessResult Result;
 
-std::string quote(const std::string& s) {
-    std::string q = "'";
-    for (char ch : s) {
-        if (ch == '\'')
-            q += "'\\''";
-        else
-            q += ch;
-    }
-    return q + "'";
-}
+std::string quote(const std::string& s) { return shellQuote(s); }
 
-// Runs qzrun with the arguments (each quoted for the shell) and collects its
-// exit code, standard output and standard error.
 Result qzrun(const std::vector<std::string>& args, const std::string& tag) {
-    const std::string out = tmpPath("qzrun_" + tag + ".out");
-    const std::string err = tmpPath("qzrun_" + tag + ".err");
-    std::string cmd = quote(QZ_QZRUN);
-    for (const std::string& a : args) cmd += " " + quote(a);
-    cmd += " </dev/null >" + quote(out) + " 2>" + quote(err);
-    const int status = std::system(cmd.c_str());
-    Result r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    r.out = readFile(out);
-    r.err = readFile(err);
-    return r;
+    return runProcess(QZ_QZRUN, args, "qzrun_" + tag);
 }
 
 std::string program(const std::string& tag, const std::string& text) {

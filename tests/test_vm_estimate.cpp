@@ -292,34 +292,6 @@ TEST(EngineBuild, ExternalEngineWithMultiplePrecisionValuesIsIncompatible) {
     EXPECT_EQ(extInfCalls, 0);
 }
 
-TEST(EngineBuild, IntegerValuesAlwaysAskForBitLengthEngine) {
-    Ctx c;
-    ASSERT_TRUE(runLines(c, {"idx_t UINT16;", "val_t UINT16;"}));
-    ASSERT_TRUE(runLines(c, chainModel("int_jt")));
-    // INF names an engine that is not built either; the integer path does not read it.
-    EXPECT_EQ(failure<std::logic_error>(c, {"ALG JT;", "ALG IGD;", "ESTIMATE;"}), "BitLengthBP is not available yet");
-    EXPECT_EQ(freshFailure<std::logic_error>("int_inf9", {"idx_t UINT16;", "val_t UINT16;"}, {"INF 9", "ESTIMATE;"}),
-              "BitLengthBP is not available yet");
-}
-
-TEST(EngineBuild, IntegerModelFunctionIsNotBuiltYet) {
-    Ctx c;
-    vm_t* vm = vmOf(c);
-    EXPECT_EQ(thrownBy<std::logic_error>([vm] { vm->getMOD<unsigned int, unsigned int>(nullptr); }),
-              "IntegerMRF is not available yet");
-}
-
-TEST(EngineBuild, IsingOnThreeStatesFailsAtEstimateNotAtModel) {
-    Ctx c;
-    ASSERT_TRUE(runLines(c, {"REP ISING;"}));
-    // MODEL does not build the model function, so it passes.
-    ASSERT_TRUE(runLines(c, chainModel("ising3", kThreeStates)));
-    ASSERT_NE(reg(c, "MPT"), 0u);
-    // The first model function is made at ESTIMATE; the Ising model is not
-    // built yet, so that is what it reports there.
-    EXPECT_EQ(failure<std::logic_error>(c, {"ALG GD;", "ESTIMATE;"}), "ISING is not available yet");
-}
-
 TEST(EngineBuild, DecayLawsNeedTheSpatioTemporalModel) {
     for (const char* rep : {"STLINEAR", "10", "11"}) {
         Ctx c;
@@ -544,19 +516,6 @@ TEST(Estimate, MethodsOfTheOtherValueKindAreUnknown) {
                   "unknown optimization algorithm")
             << opt;
     }
-}
-
-TEST(Estimate, IntegerSearchMethodsAreNotBuiltYet) {
-    // With EA11 a worsening mutation is undone at once and with IGD it stays;
-    // neither method exists yet, so both say so instead of running.
-    Ctx c;
-    vm_t* vm = vmOf(c);
-    vm->set(vm_t::OPT, (size_t)vm_t::EA11);
-    EXPECT_EQ(thrownBy<std::logic_error>([vm] { vm->learn<unsigned long, unsigned long>(nullptr); }),
-              "EA11 is not available yet");
-    vm->set(vm_t::OPT, (size_t)vm_t::IGD);
-    EXPECT_EQ(thrownBy<std::logic_error>([vm] { vm->learn<unsigned short, unsigned short>(nullptr); }),
-              "IGD is not available yet");
 }
 
 TEST(Estimate, DryRunDoesNotEstimate) {

@@ -336,9 +336,11 @@ class Context:
         self._table = None
 
     def __enter__(self):
+        """Use the context in a with block; it is closed at the block's end."""
         return self
 
     def __exit__(self, *exc):
+        """Close the context; exceptions of the block pass on."""
         self.close()
         return False
 
@@ -651,7 +653,8 @@ class Context:
 
     def model(self):
         """Return the loaded model's layout and a copy of its weights as a Model."""
-        self._handle()
+        # A failed run may have left the container's weights decoded.
+        self._check_changeable()
         n, m, dim = ctypes.c_size_t(), ctypes.c_size_t(), ctypes.c_size_t()
         layout = self._lib.host.qzhost_model_layout
         if not layout(self._ctx, ctypes.byref(n), ctypes.byref(m), ctypes.byref(dim), None, None, None):
@@ -691,6 +694,8 @@ class Context:
         states, edges = model.states, model.edges
         size = int(states.sum()) + len(model.weights)
         address = self["PPT"]
+        if not address:
+            raise QZError("INFER published no marginals: IDX and VAL name no instantiation")
         flat = np.ctypeslib.as_array((ctypes.c_double * size).from_address(address)).copy()
         return Marginals(flat, states, edges, self["LNZ"])
 

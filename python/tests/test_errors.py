@@ -61,6 +61,7 @@ def test_a_failed_run_wedges_the_context_which_stays_readable():
         lambda: ctx.__setitem__("KXX", 6),
         lambda: ctx.load_table(np.zeros((2, 2), dtype=np.uint16)),
         ctx.infer,
+        ctx.model,
     ):
         with pytest.raises(qz.ContextWedged) as e:
             action()

@@ -88,3 +88,23 @@ def test_loaded_library_and_version():
     assert os.path.isfile(qz.library_path())
     if "QZ_LIBRARY" in os.environ:
         assert os.path.samefile(qz.library_path(), os.environ["QZ_LIBRARY"])
+
+
+def test_every_public_function_has_a_docstring():
+    import inspect
+
+    missing = []
+    for name in qz.__all__:
+        obj = getattr(qz, name)
+        if not (inspect.isclass(obj) or inspect.isfunction(obj)):
+            continue
+        if not inspect.getdoc(obj):
+            missing.append(name)
+        if inspect.isclass(obj):
+            for attr, member in vars(obj).items():
+                if attr.startswith("_") and attr not in ("__init__", "__getitem__", "__setitem__", "__enter__", "__exit__"):
+                    continue
+                if callable(member) or isinstance(member, (property, staticmethod)):
+                    if not inspect.getdoc(getattr(obj, attr)):
+                        missing.append(name + "." + attr)
+    assert missing == []

@@ -1,0 +1,435 @@
+// qzuai: UAI models into qz model files and back, evidence into tables, and
+// the errors that name the line and write nothing.
+#include <gtest/gtest.h>
+#include <qz_process_util.h>
+#include <qz_test_util.h>
+
+#include <QZ/QZIO>
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace qztest;
+
+namespace {
+
+ProcessResult qzuai(const std::vector<std::string>& args, const std::string& tag) {
+    return runProcess(QZ_QZUAI, args, "qzuai_" + tag);
+}
+
+bool fileExists(const std::string& p) { return std::ifstream(p).good(); }
+
+std::string fresh(const std::string& name) {
+    const std::string p = tmpPath("qzuai_" + name);
+    std::remove(p.c_str());
+    return p;
+}
+
+std::string uaiFile(const std::string& name, const std::string& text) {
+    const std::string p = tmpPath("qzuai_" + name + ".uai");
+    writeFile(p, text);
+    return p;
+}
+
+// A UAI network held by the test: cardinalities and factors, written out as
+// text and enumerated here, independently of the tool.
+struct Factor {
+    std::vector<size_t> scope;
+    std::vector<double> table;  // last scope variable fastest
+};
+
+struct Net {
+    std::vector<size_t> card;
+    std::vector<Factor> factors;
+
+    // Tokens spread over lines in an uneven way: line breaks carry no meaning.
+    std::string text() const {
+        std::ostringstream os;
+        os.precision(17);
+        os << "MARKOV\n" << card.size() << "\n";
+        for (size_t c : card) os << c << "\t";
+        os << "\n" << factors.size() << "\n";
+        for (const Factor& f : factors) {
+            os << f.scope.size();
+            for (size_t v : f.scope) os << " " << v;
+            os << "\n";
+        }
+        for (const Factor& f : factors) {
+            os << "\n" << f.table.size() << "\n";
+            for (size_t i = 0; i < f.table.size(); ++i) os << (i % 3 == 2 ? "\n  " : " ") << f.table[i];
+            os << "\n";
+        }
+        return os.str();
+    }
+
+    // The product of the factors' entries for a joint state.
+    double potential(const std::vector<size_t>& x) const {
+        double p = 1.0;
+        for (const Factor& f : factors) {
+            size_t i = 0;
+            for (size_t v : f.scope) i = i * card[v] + x[v];
+            p *= f.table[i];
+        }
+        return p;
+    }
+
+    // Z over the joint states that agree with the observations, and the
+    // vertex marginals under them.
+    double enumerate(std::vector<std::vector<double>>* marg = nullptr,
+                     const std::map<size_t, size_t>& observed = {}) const {
+        const size_t n = card.size();
+        std::vector<size_t> x(n, 0);
+        std::vector<std::vector<double>> m(n);
+        for (size_t v = 0; v < n; ++v) m[v].assign(card[v], 0.0);
+        double Z = 0.0;
+        for (;;) {
+            bool agrees = true;
+            for (const auto& o : observed) agrees = agrees && x[o.first] == o.second;
+            if (agrees) {
+                const double p = potential(x);
+                Z += p;
+                for (size_t v = 0; v < n; ++v) m[v][x[v]] += p;
+            }
+            size_t j = 0;
+            while (j < n && ++x[j] == card[j]) x[j++] = 0;
+            if (j == n) break;
+        }
+        if (marg != nullptr) {
+            for (auto& mv : m)
+                for (double& p : mv) p /= Z;
+            *marg = m;
+        }
+        return Z;
+    }
+};
+
+struct Inferred {
+    double lnz;
+    std::vector<double> pp;  // vertex marginals, then edge marginals
+};
+
+// Loads a model file into a new context and runs INFER with the given
+// observation table (or none).
+Inferred inferFile(const std::string& model, bool slow, const std::string& table = "") {
+    Ctx c;
+    std::vector<std::string> lines;
+    lines.push_back("MFN '" + model + "'");
+    lines.push_back("LDX MPT;");
+    if (!table.empty()) {
+        lines.push_back("DFN '" + table + "'");
+        lines.push_back("LDX DPT;");
+    }
+    lines.push_back(slow ? "SLW true" : "SLW false");
+    lines.push_back("INFER;");
+    runLines(c, lines);
+    const QZ::IO<size_t, double>* io = reinterpret_cast<QZ::IO<size_t, double>*>(reg(c, "MPT"));
+    size_t size = io->dim;
+    for (size_t v = 0; v < io->G->vertices(); ++v) size += io->Y[v];
+    const double* PP = reinterpret_cast<const double*>(reg(c, "PPT"));
+    return {regR(c, "LNZ"), std::vector<double>(PP, PP + size)};
+}
+
+std::string imported(const Net& net, const std::string& name) {
+    const std::string uai = uaiFile(name, net.text());
+    const std::string qzm = fresh(name + ".qzm");
+    const ProcessResult r = qzuai({"import", uai, qzm}, name);
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    return qzm;
+}
+
+// Two variables, one vertex and one pairwise factor: Z = 3.3 by hand.
+const char* const TWO =
+    "MARKOV\n2\n2 2\n2\n1 0\n2 0 1\n\n2\n 0.4 0.6\n\n4\n 1.0 2.0\n 3.0 0.5\n";
+
+}  // namespace
+
+TEST(Qzuai, HandWrittenTwoVariableModelHasItsPartitionFunction) {
+    const std::string uai = uaiFile("two", TWO);
+    const std::string qzm = fresh("two.qzm");
+    const ProcessResult r = qzuai({"import", uai, qzm}, "two");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NEAR(inferFile(qzm, true).lnz, std::log(3.3), 1e-12);
+    // One edge is a tree: P(x0 = 1) = (1.8 + 0.3) / 3.3 from the messages as well.
+    EXPECT_NEAR(inferFile(qzm, false).pp[1], 2.1 / 3.3, 1e-6);
+}
+
+TEST(Qzuai, ChainWithVertexFactorsMatchesEnumeration) {
+    Net net;
+    net.card = {2, 3, 2, 4};
+    net.factors = {{{1}, {0.5, 2.0, 1.5}},
+                   {{0, 1}, {1.0, 0.2, 3.0, 0.7, 1.1, 0.9}},
+                   {{2, 1}, {0.3, 1.0, 2.2, 1.7, 0.4, 0.8}},  // the edge in the other orientation
+                   {{3}, {1.0, 4.0, 0.25, 2.0}},
+                   {{2, 3}, {1.0, 1.0, 2.0, 0.5, 0.1, 3.0, 1.0, 1.0}},
+                   {{0}, {0.3, 0.7}}};
+    const std::string qzm = imported(net, "chain");
+    std::vector<std::vector<double>> marg;
+    const double Z = net.enumerate(&marg);
+    EXPECT_NEAR(inferFile(qzm, true).lnz, std::log(Z), 1e-12);
+    // A tree: belief propagation gives the exact marginals too.
+    const Inferred bp = inferFile(qzm, false);
+    EXPECT_NEAR(bp.lnz, std::log(Z), 1e-6);
+    size_t k = 0;
+    for (size_t v = 0; v < net.card.size(); ++v)
+        for (size_t x = 0; x < net.card[v]; ++x) EXPECT_NEAR(bp.pp[k++], marg[v][x], 1e-6) << v << " " << x;
+}
+
+TEST(Qzuai, RepeatedPairsAndLoneVariablesKeepThePartitionFunction) {
+    // Two factors on one pair (in both orientations) multiply; variable 2 has
+    // only a vertex factor, and variable 4 none at all.
+    Net net;
+    net.card = {3, 2, 2, 2, 3};
+    net.factors = {{{0, 1}, {1.0, 2.0, 0.5, 0.5, 3.0, 1.0}},
+                   {{1, 0}, {2.0, 0.1, 1.0, 1.0, 1.0, 4.0}},
+                   {{2}, {0.2, 0.8}},
+                   {{1, 3}, {1.0, 5.0, 5.0, 1.0}},
+                   {{3, 0}, {0.5, 1.0, 2.0, 1.5, 0.5, 0.25}}};
+    const std::string qzm = imported(net, "repeated");
+    EXPECT_NEAR(inferFile(qzm, true).lnz, std::log(net.enumerate()), 1e-12);
+    // The edges: pairs in order of first appearance, then the edge that
+    // carries variable 2's factor to its neighbour 3.
+    QZ::IO<size_t, double> io(qzm);
+    ASSERT_EQ(io.G->edges(), 4u);
+    size_t s, t;
+    io.G->edge(0, s, t);
+    EXPECT_EQ(s * 10 + t, 1u);
+    io.G->edge(2, s, t);
+    EXPECT_EQ(s * 10 + t, 30u);
+    io.G->edge(3, s, t);
+    EXPECT_EQ(s * 10 + t, 23u);
+    delete io.G;
+}
+
+TEST(Qzuai, LastLoneVariableLeansOnTheOneBefore) {
+    Net net;
+    net.card = {2, 3};
+    net.factors = {{{1}, {1.0, 2.0, 7.0}}};
+    const std::string qzm = imported(net, "lone");
+    EXPECT_NEAR(inferFile(qzm, true).lnz, std::log(10.0 * 2), 1e-12);
+    QZ::IO<size_t, double> io(qzm);
+    size_t s, t;
+    io.G->edge(0, s, t);
+    EXPECT_EQ(s, 1u);
+    EXPECT_EQ(t, 0u);
+    delete io.G;
+}
+
+TEST(Qzuai, RoundTripKeepsWeightsAndInference) {
+    const std::string orig = fresh("vote.qzm");
+    {
+        Ctx c;
+        runLines(c, {"SEED 7", "DFN '" + std::string(QZ_SOURCE_DIR) + "/examples/data/vote.csv'", "LDX DPT;",
+                     "GRA FULL;", "LDX GPT;", "MODEL;", "ALG GD;", "STP 0.5", "MIO 20", "MIL 50", "ESTIMATE;",
+                     "MFN '" + orig + "'", "STORE MPT;"});
+    }
+    const std::string uai = fresh("vote.uai");
+    const std::string back = fresh("vote_back.qzm");
+    ProcessResult r = qzuai({"export", orig, uai}, "export");
+    ASSERT_EQ(r.code, 0) << r.err;
+    r = qzuai({"import", uai, back}, "reimport");
+    ASSERT_EQ(r.code, 0) << r.err;
+
+    QZ::IO<size_t, double> a(orig), b(back);
+    ASSERT_EQ(a.G->vertices(), b.G->vertices());
+    ASSERT_EQ(a.G->edges(), 136u);
+    ASSERT_EQ(b.G->edges(), 136u);
+    ASSERT_EQ(a.dim, b.dim);
+    for (size_t e = 0; e < 136; ++e) {
+        size_t s1, t1, s2, t2;
+        a.G->edge(e, s1, t1);
+        b.G->edge(e, s2, t2);
+        EXPECT_EQ(s1, s2);
+        EXPECT_EQ(t1, t2);
+    }
+    double largest = 0.0;
+    for (size_t i = 0; i < a.dim; ++i) {
+        EXPECT_NEAR(a.w[i], b.w[i], 1e-12) << i;
+        largest = std::max(largest, std::fabs(a.w[i]));
+    }
+    EXPECT_GT(largest, 0.1);  // a fitted model, not zeros
+    delete a.G;
+    delete b.G;
+
+    const Inferred x = inferFile(orig, false), y = inferFile(back, false);
+    EXPECT_NEAR(x.lnz, y.lnz, 1e-12);
+    ASSERT_EQ(x.pp.size(), y.pp.size());
+    for (size_t i = 0; i < x.pp.size(); ++i) EXPECT_NEAR(x.pp[i], y.pp[i], 1e-12) << i;
+}
+
+TEST(Qzuai, ImportsIntoOtherIndexAndValueTypes) {
+    Net net;
+    net.card = {2, 3, 2};
+    net.factors = {{{0, 1}, {1.0, 0.5, 2.0, 1.5, 0.3, 1.0}}, {{1, 2}, {0.7, 1.3, 2.0, 0.2, 1.0, 1.0}}};
+    const std::string uai = uaiFile("types", net.text());
+    const std::string qzm = fresh("types.qzm");
+    const ProcessResult r = qzuai({"import", uai, qzm, "--idx", "UINT8", "--val", "FLT32"}, "types");
+    ASSERT_EQ(r.code, 0) << r.err;
+    const std::string bytes = readFile(qzm);
+    EXPECT_EQ(bytes[0], 0);  // UINT8
+    EXPECT_EQ(bytes[1], 4);  // FLT32
+    Ctx c;
+    runLines(c, {"idx_t UINT8;", "val_t FLT32;", "MFN '" + qzm + "'", "LDX MPT;", "SLW true", "INFER;"});
+    EXPECT_NEAR(regR(c, "LNZ"), std::log(net.enumerate()), 1e-5);
+    // And back: a float model exports as well.
+    const std::string again = fresh("types_back.uai");
+    EXPECT_EQ(qzuai({"export", qzm, again}, "types_back").code, 0);
+}
+
+TEST(Qzuai, EvidenceBecomesTheObservationsOfInfer) {
+    Net net;
+    net.card = {2, 3, 2};
+    net.factors = {{{0, 1}, {1.0, 0.5, 2.0, 1.5, 0.3, 1.0}}, {{1, 2}, {0.7, 1.3, 2.0, 0.2, 1.0, 1.0}},
+                   {{2}, {2.0, 1.0}}};
+    const std::string qzm = imported(net, "evid");
+    const std::string evid = tmpPath("qzuai_evid.evid");
+    writeFile(evid, "1\n 0 1\n");
+    const std::string csv = fresh("evid.csv");
+    const ProcessResult r = qzuai({"evidence", evid, qzm, csv}, "evid");
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(readFile(csv), "x0,x1,x2\n1,?,?\n1,?,?\n");
+
+    std::vector<std::vector<double>> marg;
+    net.enumerate(&marg, {{0, 1}});
+    const Inferred bp = inferFile(qzm, false, csv);
+    // Vertices 1 and 2 are not observed; on a chain the marginals are exact.
+    for (size_t x = 0; x < 3; ++x) EXPECT_NEAR(bp.pp[2 + x], marg[1][x], 1e-6);
+    for (size_t x = 0; x < 2; ++x) EXPECT_NEAR(bp.pp[5 + x], marg[2][x], 1e-6);
+
+    // The older form with a sample count gives one row a sample; the UAI
+    // file serves as the model as well.
+    writeFile(evid, "2\n1 0 1\n2 2 1 1 0\n");
+    const std::string csv2 = fresh("evid2.csv");
+    const ProcessResult r2 = qzuai({"evidence", evid, tmpPath("qzuai_evid.uai"), csv2}, "evid2");
+    ASSERT_EQ(r2.code, 0) << r2.err;
+    EXPECT_EQ(readFile(csv2), "x0,x1,x2\n1,?,?\n1,?,?\n?,0,1\n");
+}
+
+namespace {
+
+struct BadCase {
+    const char* name;
+    const char* text;
+    const char* message;  // after "qzuai: PATH:"
+};
+
+}  // namespace
+
+TEST(Qzuai, MalformedModelsNameTheLineAndWriteNothing) {
+    const BadCase cases[] = {
+        {"bayes", "BAYES\n2\n2 2\n1\n2 0 1\n4\n.1 .9 .5 .5\n",
+         "1: BAYES networks are not supported: only MARKOV models convert"},
+        {"kind", "\n\nMARKOFF\n", "3: expected the network type MARKOV, found 'MARKOFF'"},
+        {"triple", "MARKOV\n3\n2 2 2\n2\n1 0\n3 0 1 2\n2\n1 1\n8\n1 1 1 1 1 1 1 1\n",
+         "6: factor 1 is over 3 variables: only vertex and pairwise factors convert"},
+        {"zero", "MARKOV\n2\n2 2\n1\n2 0 1\n4\n1.0 2.0\n0 0.5\n",
+         "8: factor 0 has a zero entry: a qz model holds logarithms of potentials, and 0 has none"},
+        {"negative", "MARKOV\n2\n2 2\n1\n2 0 1\n4\n1.0 -2.0\n1 0.5\n", "7: factor 0 has a negative entry"},
+        {"word", "MARKOV\n2\n2 2\n1\n2 0 1\n4\n1.0 2.0\n1 x\n", "8: 'x' is no number (an entry of factor 0)"},
+        {"count", "MARKOV\n2\n2 3\n1\n2 0 1\n4\n1 1 1 1\n",
+         "6: factor 0 has 4 entries, but its scope has 6 joint states"},
+        {"short", "MARKOV\n2\n2 2\n1\n2 0 1\n4\n1 1\n1\n",
+         "8: the file ends where an entry of factor 0 was expected"},
+        {"alone", "MARKOV\n1\n2\n1\n1 0\n2\n1 1\n",
+         "5: variable 0 has a vertex factor, but a model of one variable has no edge to carry it"},
+        {"extra", "MARKOV\n2\n2 2\n1\n2 0 1\n4\n1 1 1 1\n5\n", "8: unexpected text after the last function table"},
+        {"range", "MARKOV\n2\n2 2\n1\n2 0 2\n4\n1 1 1 1\n", "5: factor 0 names variable 2, but there are 2"},
+        {"twice", "MARKOV\n2\n2 2\n1\n2 1 1\n4\n1 1 1 1\n", "5: factor 0 names variable 1 twice"},
+        {"nostates", "MARKOV\n2\n2 0\n0\n", "3: variable 1 has no states"},
+        {"empty", "MARKOV\n2\n2 2\n1\n0\n1\n1\n", "5: factor 0 has no variables: only vertex and pairwise factors convert"},
+        {"cardinality", "MARKOV\n1\n2.5\n0\n", "3: '2.5' is no whole number (cardinality of variable 0)"},
+        {"nothing", "", "1: the file ends where the network type MARKOV was expected"},
+    };
+    for (const BadCase& c : cases) {
+        const std::string uai = uaiFile(std::string("bad_") + c.name, c.text);
+        const std::string out = fresh(std::string("bad_") + c.name + ".qzm");
+        const ProcessResult r = qzuai({"import", uai, out}, c.name);
+        EXPECT_EQ(r.code, 1) << c.name;
+        EXPECT_EQ(r.err, "qzuai: " + uai + ":" + c.message + "\n") << c.name;
+        EXPECT_FALSE(fileExists(out)) << c.name;
+    }
+}
+
+TEST(Qzuai, ModelsWithoutAUaiFormAreRefused) {
+    // An integer model.
+    const std::string intModel = fresh("int.qzm");
+    {
+        Ctx c;
+        runLines(c, {"idx_t UINT8;", "val_t UINT8;", "DFN '" + std::string(QZ_SOURCE_DIR) + "/examples/data/vote.csv'",
+                     "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;", "MFN '" + intModel + "'", "STORE MPT;"});
+    }
+    const std::string out = fresh("int.uai");
+    ProcessResult r = qzuai({"export", intModel, out}, "int");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "qzuai: " + intModel +
+                         ": byte 2: this is an integer model; its weights are no logarithms of potentials and have "
+                         "no UAI form\n");
+    EXPECT_FALSE(fileExists(out));
+
+    // A truncated model file.
+    const std::string whole = imported(Net{{2, 2}, {{{0, 1}, {1, 2, 3, 4}}}}, "whole");
+    const std::string bytes = readFile(whole);
+    const std::string cut = tmpPath("qzuai_cut.qzm");
+    writeFile(cut, bytes.substr(0, bytes.size() - 8));
+    r = qzuai({"export", cut, out}, "cut");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("the statistics and weights need 96 bytes, but 88 follow"), std::string::npos) << r.err;
+    EXPECT_FALSE(fileExists(out));
+    writeFile(cut, bytes.substr(0, 30));
+    r = qzuai({"export", cut, out}, "cut2");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_NE(r.err.find("the file ends inside"), std::string::npos) << r.err;
+    EXPECT_FALSE(fileExists(out));
+}
+
+TEST(Qzuai, BadEvidenceNamesTheLine) {
+    const std::string qzm = imported(Net{{2, 3}, {{{0, 1}, {1, 2, 3, 4, 5, 6}}}}, "evbad");
+    const struct {
+        const char* text;
+        const char* message;
+    } cases[] = {
+        {"1\n1 3\n", "2: variable 1 is observed in state 3, but it has 3 states"},
+        {"1\n2 0\n", "2: variable 2 is observed, but the model has 2"},
+        {"2\n0 1\n0 0\n", "3: variable 0 is observed twice"},
+        {"1 0 1 7\n", "1: unexpected text after the evidence"},
+        {"", "1: the file is empty: it needs the number of observed variables"},
+    };
+    int i = 0;
+    for (const auto& c : cases) {
+        const std::string evid = tmpPath("qzuai_evbad" + std::to_string(i) + ".evid");
+        writeFile(evid, c.text);
+        const std::string out = fresh("evbad.csv");
+        const ProcessResult r = qzuai({"evidence", evid, qzm, out}, "evbad" + std::to_string(i++));
+        EXPECT_EQ(r.code, 1);
+        EXPECT_EQ(r.err, "qzuai: " + evid + ":" + c.message + "\n");
+        EXPECT_FALSE(fileExists(out));
+    }
+}
+
+TEST(Qzuai, CommandLine) {
+    const std::string uai = uaiFile("cli", TWO);
+    const std::string out = fresh("cli.qzm");
+    EXPECT_EQ(qzuai({}, "cli0").code, 2);
+    EXPECT_EQ(qzuai({"convert", uai, out}, "cli1").code, 2);
+    EXPECT_EQ(qzuai({"import", uai}, "cli2").code, 2);
+    EXPECT_EQ(qzuai({"import", uai, out, "--idx", "UINT7"}, "cli3").code, 2);
+    EXPECT_EQ(qzuai({"import", uai, out, "--val", "UINT8"}, "cli4").code, 2);
+    EXPECT_FALSE(fileExists(out));
+    EXPECT_EQ(qzuai({"-h"}, "cli5").code, 0);
+    // An existing output is kept unless -f is given.
+    writeFile(out, "keep");
+    ProcessResult r = qzuai({"import", uai, out}, "cli6");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "qzuai: '" + out + "' exists (use -f to overwrite)\n");
+    EXPECT_EQ(readFile(out), "keep");
+    r = qzuai({"import", uai, out, "-f"}, "cli7");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(readFile(out), "keep");
+    r = qzuai({"import", tmpPath("qzuai_none.uai"), fresh("none.qzm")}, "cli8");
+    EXPECT_EQ(r.code, 1);
+    EXPECT_EQ(r.err, "qzuai: cannot read '" + tmpPath("qzuai_none.uai") + "'\n");
+}
