@@ -12,6 +12,10 @@ namespace QZ {
     template class Kn<T>;                                                                          \
     template class RBMGraph<T>;                                                                    \
     template class STGraph<T>;                                                                     \
+    template class SetGraph<T>;                                                                    \
+    template class JunctionTree<T>;                                                                \
+    template void MCS<T>(T*, const AbstractGraph<T>*&);                                            \
+    template void MWST<T, T, true>(T*&, const AbstractGraph<T>*&, const T*);                        \
     template void adjFromCSV<T>(std::istream&, T*&, T&, T&, const char&);                          \
     template void adjFromCSV<T>(const std::string&, T*&, T&, T&, const char&);
 

@@ -72,8 +72,14 @@ template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t
             ia->setEpsilon((val_t)getR(EPL));
             return ia;
         }
-        case JT: engine_detail::notYet("JT");
-        case SQM: engine_detail::notYet("SQM");
+        case JT: return new HuginAlgorithm<idx_t, val_t>(io->G, io->Y, random_engine, io->w);
+        case SQM: {
+            // The sampling engine is always the variant that visits each
+            // tuple of the expansion once; KXX is the degree of the polynomial.
+            QZ::SQMplus<idx_t, val_t>* ia = new QZ::SQMplus<idx_t, val_t>(io->G, io->Y, random_engine, io->w, (idx_t)get(KXX));
+            ia->setMaxIter(mil);
+            return ia;
+        }
         case EXTERNINF: {
             void* f = getP(EXT0);
             if (f == nullptr) break;

@@ -3,6 +3,7 @@
 // index type, and the fixed point on trees against sums formed here from the
 // definition of a message.
 #include <gtest/gtest.h>
+#include <qz_count_new.h>
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
@@ -20,6 +21,7 @@
 #include <random>
 #include <utility>
 #include <vector>
+
 
 namespace {
 
@@ -237,6 +239,34 @@ TEST(BitLengthBP, AccumulationIsAnExactSumUntilReset) {
     EXPECT_EQ(bp.accumulator(0).to_uint64(), 4u);
 }
 
+template <typename idx_t> void expectExactSums(unsigned seed, unsigned top) {
+    auto G = makeGraph<idx_t>(2, {{0, 1}});
+    idx_t Y[] = {2, 2};
+    Probe<idx_t> bp(G.get(), Y, nullptr);
+    std::mt19937 g(seed);
+    std::uniform_int_distribution<unsigned> D(0, top);
+    for (int run = 0; run < 200; ++run) {
+        // Few distinct exponents, so that carries run through several bits.
+        QZ::sparse_uint_t<idx_t> want;
+        const int terms = 1 + (int)(g() % 12);
+        idx_t got = 0;
+        for (int i = 0; i < terms; ++i) {
+            const idx_t e = (idx_t)D(g);
+            want.p2x(e);
+            got = bp.other(e, (idx_t)(i == 0));
+        }
+        EXPECT_EQ(got, want.bl());
+        EXPECT_TRUE(*bp.accumulator(0).data() == *want.data()) << "run " << run;
+    }
+}
+
+TEST(BitLengthBP, AccumulatorsHoldTheExactSumAcrossRestarts) {
+    expectExactSums<unsigned char>(1, 6);
+    expectExactSums<unsigned short>(2, 40);
+    expectExactSums<unsigned int>(3, 5);
+    expectExactSums<unsigned long>(4, 100);
+}
+
 TEST(BitLengthBP, MapsAreTheIdentityAndDefaultsAreIntegral) {
     auto G = makeGraph<unsigned short>(2, {{0, 1}});
     unsigned short Y[] = {2, 2};
@@ -298,6 +328,39 @@ TEST(BitLengthBP, EveryMessageHasAZeroEntryAfterEachSweep) {
                 }
         }
     }
+}
+
+TEST(BitLengthBP, SweepsAllocateNothingOnceTheSumsHaveGrown) {
+    // A grid of three-state vertices with weights up to 7, two threads.
+    EdgeList grid;
+    for (size_t v = 0; v < 64; ++v) {
+        if (v + 8 < 64) grid.push_back({v, v + 8});
+        if (v % 8 != 7) grid.push_back({v, v + 1});
+    }
+    auto G = makeGraph<unsigned int>(64, grid);
+    std::vector<unsigned int> Y(64, 3);
+    std::vector<unsigned int> w(9 * grid.size());
+    std::mt19937 g(4);
+    for (unsigned int& x : w) x = g() % 8;
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(2);
+    QZ::BitLengthBP<unsigned int> bp(G.get(), Y.data(), nullptr, w.data(), false);
+    bp.setEpsilon((unsigned int)-1);
+    bp.setMaxIter(20);
+    bp.infer(0);  // the thread team and the node pools exist from here on
+    gNewCalls = 0;
+    gCountNew = true;
+    bp.infer(0);
+    bp.infer(1);
+    bp.infer_continue(0);
+    gCountNew = false;
+    EXPECT_EQ(gNewCalls.load(), 0);
+    // The counter does see the engine's own arrays.
+    gCountNew = true;
+    { QZ::BitLengthBP<unsigned int> other(G.get(), Y.data(), nullptr, w.data(), false); }
+    gCountNew = false;
+    EXPECT_GT(gNewCalls.load(), 5);
+    omp_set_num_threads(saved);
 }
 
 TEST(BitLengthBP, LogProductsAreNotCentred) {

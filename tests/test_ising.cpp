@@ -122,6 +122,30 @@ TEST(Ising, FieldOfTheMiddleOfAChainGoesToTheSecondEndOfEdgeZero) {
     EXPECT_EQ(M.w, (std::vector<double>{0, 0.7, 0.5, 2.0 + 0.5 + 0.7, 0, -1.25, 0, -0.5 - 1.25}));
 }
 
+template <typename I, typename V> void expectChainDecode() {
+    auto G = makeGraph<I>(3, {{0, 1}, {1, 2}});
+    std::vector<I> Y(3, 2);
+    std::vector<V> w(8, (V)9);
+    QZ::LBP<I, V> E(G.get(), Y.data(), nullptr, w.data(), false);
+    QZ::Ising<I, V> P(&E);
+    EXPECT_EQ(P.dim(), (I)5);
+    V* l = P.current_point();
+    for (int i = 0; i < 5; ++i) l[i] = (V)(i + 1);
+    P.decode_weights();
+    EXPECT_EQ(w, (std::vector<V>{0, 2, 1, 4 + 1 + 2, 0, 3, 0, 5 + 3}));
+}
+
+TEST(Ising, EveryFloatingInstanceDecodesTheSame) {
+    expectChainDecode<unsigned char, float>();
+    expectChainDecode<unsigned short, float>();
+    expectChainDecode<unsigned int, float>();
+    expectChainDecode<unsigned long, float>();
+    expectChainDecode<unsigned char, double>();
+    expectChainDecode<unsigned short, double>();
+    expectChainDecode<unsigned int, double>();
+    expectChainDecode<unsigned long, double>();
+}
+
 TEST(Ising, AllCompactZeroGivesAllWeightsZero) {
     Model M(4, {{0, 1}, {2, 1}, {2, 3}});
     for (double& x : M.w) x = 3.5;
@@ -296,33 +320,55 @@ std::vector<double> expand(const double* l, size_t n, const EdgeList& edges) {
     return w;
 }
 
+// An engine that enumerates all joint states at every run: exact marginals
+// and log partition function on any small graph, for the external factory.
+class Enumerating : public QZ::LBP<unsigned int, double> {
+public:
+    using QZ::LBP<unsigned int, double>::LBP;
+    void infer(const unsigned int& mode) override { this->infer_slow(mode); }
+};
+
+QZ::InferenceAlgorithm<unsigned int, double>* makeEnumerating(QZ::AbstractGraph<unsigned int>*& G, unsigned int*& Y,
+                                                              std::mt19937* e, double* w) {
+    return new Enumerating(G, Y, e, w, false);
+}
+
 // Fits the plain model and the Ising model on one table and graph with the
-// given engine, and compares the objectives of both fits.
-void expectSameOptimum(const std::string& tag, const char* gra, const char* alg, const EdgeList& edges) {
+// engine that the setup lines choose, to convergence, and compares the
+// objectives of both fits: on binary data the two are the same family.
+void expectSameOptimum(const std::string& tag, const char* gra, const std::vector<std::string>& engine,
+                       size_t edgeCount, const char* steps) {
     const std::string f = binaryTable(tag, fiveColumnRows());
-    const std::vector<std::string> fit = {std::string("ALG ") + alg + ";", "ALG GD;", "STP 1.0", "MIO 4000",
-                                          "EPO 0.0", "MIL 200", "EPL 1e-12", "ESTIMATE;"};
+    std::vector<std::string> fit = engine;
+    for (const char* l : {"ALG GD;", "STP 1.0", "EPO 0.0", "MIL 200", "EPL 1e-12"}) fit.push_back(l);
+    fit.push_back(std::string("MIO ") + steps);
+    fit.push_back("ESTIMATE;");
     Ctx plain;
     wreg(plain, "IDX", 2);
+    wreg(plain, "EXT0", (size_t)&makeEnumerating);
     ASSERT_TRUE(runLines(plain, loadLines(f, gra)));
     ASSERT_TRUE(runLines(plain, fit));
     const IOd* a = reinterpret_cast<IOd*>(reg(plain, "MPT"));
-    ASSERT_EQ(edgeList(*a->G), edges);
+    const EdgeList edges = edgeList(*a->G);
+    ASSERT_EQ(edges.size(), edgeCount);
     const double plainObjective = objectiveOf(a, edges, std::vector<double>(a->w, a->w + a->dim));
     // RES is the objective of the best point, as the engine gives A.
     EXPECT_NEAR(regR(plain, "RES"), plainObjective, 1e-8);
 
     Ctx ising;
     wreg(ising, "IDX", 2);
+    wreg(ising, "EXT0", (size_t)&makeEnumerating);
     ASSERT_TRUE(runLines(ising, {"REP ISING;"}));
     ASSERT_TRUE(runLines(ising, loadLines(f, gra)));
     ASSERT_TRUE(runLines(ising, fit));
     const IOd* b = reinterpret_cast<IOd*>(reg(ising, "MPT"));
+    ASSERT_EQ(edgeList(*b->G), edges);
     const size_t n = 5, m = edges.size();
-    // The container's head holds the n + m compact parameters.
+    // The container's head holds the n + m compact parameters; the plain
+    // model has 4 for each edge.
     const double isingObjective = objectiveOf(b, edges, expand(b->w, n, edges));
     EXPECT_NEAR(isingObjective, plainObjective, 1e-5);
-    EXPECT_EQ(b->dim, 4 * m);
+    EXPECT_EQ(a->dim, 4 * m);
     // And the mean log-likelihood of the rows says the same of the Ising fit.
     const QZ::CategoricalData* D = reinterpret_cast<QZ::CategoricalData*>(reg(ising, "DPT"));
     const std::vector<double> wb = expand(b->w, n, edges);
@@ -351,7 +397,12 @@ IOd* isingChain(Ctx& c, const std::string& tag) {
 
 TEST(IsingProgram, FitReachesThePlainModelsOptimumOnATree) {
     // A chain has no isolated vertex; belief propagation is exact on it.
-    expectSameOptimum("chain", "CHAIN", "LBP", {{0, 1}, {1, 2}, {2, 3}, {3, 4}});
+    expectSameOptimum("chain", "CHAIN", {"ALG LBP;"}, 4, "4000");
+}
+
+TEST(IsingProgram, FitReachesThePlainModelsOptimumOnACompleteGraph) {
+    // Loops everywhere; an engine that enumerates makes every gradient exact.
+    expectSameOptimum("full_enum", "FULL", {"ALG EXTI;"}, 10, "6000");
 }
 
 TEST(IsingProgram, ResetStartZeroesTheCompactVectorOnly) {

@@ -20,21 +20,7 @@
 #include <utility>
 #include <vector>
 
-// Every allocation of the program goes through here, so that a stretch of
-// code can be checked for allocating nothing.
-namespace {
-std::atomic<bool> gCountNew{false};
-std::atomic<long> gNewCalls{0};
-}  // namespace
-
-void* operator new(size_t n) {
-    if (gCountNew.load(std::memory_order_relaxed)) gNewCalls.fetch_add(1);
-    void* p = std::malloc(n ? n : 1);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
+#include <qz_count_new.h>
 
 namespace {
 

@@ -251,15 +251,6 @@ TEST(EngineBuild, UnknownInferenceAlgorithm) {
     EXPECT_EQ(failure<std::out_of_range>(d, {"ALG EXTI;", "ALG GD;", "ESTIMATE;"}), "unknown inference algorithm");
 }
 
-TEST(EngineBuild, EnginesNotBuiltYetSayWhich) {
-    Ctx c;
-    ASSERT_TRUE(runLines(c, chainModel("jt")));
-    EXPECT_EQ(failure<std::logic_error>(c, {"ALG JT;", "ALG GD;", "ESTIMATE;"}), "JT is not available yet");
-    Ctx d;
-    ASSERT_TRUE(runLines(d, chainModel("sqm")));
-    EXPECT_EQ(failure<std::logic_error>(d, {"ALG SQM;", "ALG GD;", "ESTIMATE;"}), "SQM is not available yet");
-}
-
 TEST(EngineBuild, ExternalEngineFromTheFactory) {
     Ctx c;
     ASSERT_TRUE(runLines(c, chainModel("ext")));

@@ -14,7 +14,9 @@
 #include <QZ/QZMRF>
 #include <QZ/QZOPT>
 
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -237,6 +239,39 @@ TEST(IntegerBuild, ModelIsIntegerWhateverRepSays) {
     ASSERT_TRUE(runLines(c, {"ALG IGD;", "MIO 5", "ESTIMATE;"}));
 }
 
+TEST(IntegerBuild, BlockSearchGetsOneBlockPerEdgeEndingAtTheDimension) {
+    // Columns of 2, 3 and 2 states: blocks of 6 and 6 weights.
+    Ctx c;
+    ASSERT_TRUE(runLines(c, chainModel("groups", "UINT32", "a,b,c\nd,d,d\n0,x,0\n1,y,1\n0,z,1\n")));
+    ASSERT_TRUE(runLines(c, {"ALG IGD;", "KXX 7", "MIO 0"}));
+    vm_t* vm = vmOf(c);
+    auto* IA = vm->getIA<unsigned int, unsigned int>();
+    auto* P = vm->getMOD<unsigned int, unsigned int>(IA);
+    unsigned int* mu = vm->initMU<unsigned int, unsigned int>(P);
+    QZ::Optimizer<unsigned int, unsigned int, true>* O = vm->learn<unsigned int, unsigned int>(P);
+    auto* I = dynamic_cast<QZ::IntGD<unsigned int, unsigned int>*>(O);
+    ASSERT_NE(I, nullptr);
+    EXPECT_EQ(I->num_groups, 2u);
+    EXPECT_EQ(std::vector<unsigned int>(I->groups, I->groups + 3), (std::vector<unsigned int>{0, 6, 12}));
+    EXPECT_EQ(I->groups[2], P->dim());
+    EXPECT_EQ(I->k, 7u);
+    EXPECT_EQ(I->random_engine, vm->random_engine);
+    // MIO 0: the loop is skipped and RES holds all ones.
+    EXPECT_EQ(reg(c, "RES"), (size_t)(unsigned int)-1);
+    delete O;
+    vm->set(vm_t::OPT, (size_t)vm_t::EA11);
+    O = vm->learn<unsigned int, unsigned int>(P);
+    auto* E = dynamic_cast<QZ::EA11<unsigned int, unsigned int>*>(O);
+    ASSERT_NE(E, nullptr);
+    EXPECT_EQ(E->k, 7u);
+    EXPECT_EQ(E->b, 3u);
+    EXPECT_EQ(E->random_engine, vm->random_engine);
+    delete O;
+    delete P;
+    delete[] mu;
+    delete IA;
+}
+
 TEST(IntegerBuild, FloatingMethodsAreUnknownToIntegerModels) {
     for (const char* alg : {"ALG GD;", "ALG PL1;", "ALG FL1;", "ALG EXTO;", "OPT 0"}) {
         Ctx c;
@@ -325,6 +360,15 @@ TEST(IntegerQuery, PredictGivesTheStateOfLargestMaxMarginal) {
     EXPECT_EQ(D->get(2, 1), 2u);
 }
 
+TEST(IntegerQuery, ScoreOfAnEmptyTableIsZero) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, chainModel("score_empty", "UINT64")));
+    ASSERT_TRUE(runLines(c, {"DEL DPT;", "DFN '" + csvFile("int_empty", "a,b,c\nd,d,d\n") + "'", "LDX DPT;"}));
+    ASSERT_EQ(reinterpret_cast<QZ::CategoricalData*>(reg(c, "DPT"))->rows(), 0u);
+    ASSERT_TRUE(runLines(c, {"SCORE;"}));
+    EXPECT_EQ(regR(c, "RES"), 0.0);
+}
+
 TEST(IntegerQuery, ScoreIsAnIntegerMeanAndSampleKeepsFullRows) {
     Ctx c;
     // Diagonal preference on a binary edge.
@@ -357,4 +401,21 @@ TEST(IntegerQuery, ScoreIsAnIntegerMeanAndSampleKeepsFullRows) {
     EXPECT_EQ(D->get(1, 1), 1u);
     EXPECT_EQ(D->get(3, 0), 0u);
     EXPECT_EQ(std::vector<unsigned short>(io->w, io->w + 4), std::vector<unsigned short>(w, w + 4));
+}
+
+TEST(IntegerExample, VotesAsAnIntegerModelRunFromTheRepositoryRoot) {
+    const std::string cmd =
+        "cd " + std::string(QZ_SOURCE_DIR) + " && " + QZ_QZRUN + " examples/vote_integer.qz -p DIM -p LNZ 2>&1";
+    FILE* f = popen(cmd.c_str(), "r");
+    ASSERT_NE(f, nullptr);
+    std::string out;
+    char buf[256];
+    while (fgets(buf, sizeof buf, f) != nullptr) out += buf;
+    EXPECT_EQ(pclose(f), 0) << out;
+    // 136 binary edges, and a bit length as the log partition value.
+    EXPECT_EQ(out.substr(0, 8), "DIM=544\n");
+    ASSERT_EQ(out.substr(8, 4), "LNZ=");
+    const double lnz = std::stod(out.substr(12));
+    EXPECT_GE(lnz, 1.0);
+    EXPECT_EQ(lnz, std::floor(lnz));
 }

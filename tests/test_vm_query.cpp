@@ -355,8 +355,8 @@ TEST(Infer, ErrorsOfTheEngineAndModelChoicePassThrough) {
     }
     {
         Ctx c;
-        ASSERT_NE(build(c, "errors_jt"), nullptr);
-        EXPECT_EQ(failureOf(c, {"ALG JT;", "SCORE;"}), "JT is not available yet");
+        ASSERT_NE(build(c, "errors_ext"), nullptr);
+        EXPECT_EQ(failureOf(c, {"ALG EXTI;", "SCORE;"}), "unknown inference algorithm");
     }
 }
 

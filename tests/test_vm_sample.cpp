@@ -306,16 +306,16 @@ TEST(Sample, WithoutATableTheAssertionFails) {
     EXPECT_DEATH(runLines(c, {"DEL DPT;", "SAMPLE;"}), "Assertion `false' failed");
 }
 
-TEST(Sample, AnEngineNotBuiltYetIsReportedToTheCaller) {
+TEST(Sample, AnEngineThatCannotBeMadeIsReportedToTheCaller) {
     Ctx c;
     ASSERT_NE(build(c, "noengine", 6), nullptr);
     const Cells before = cells(table(c));
     std::string what;
     try {
-        runLines(c, {"ALG JT;", "SAMPLE;"});
+        runLines(c, {"ALG EXTI;", "SAMPLE;"});
     } catch (const std::exception& e) {
         what = e.what();
     }
-    EXPECT_EQ(what, "JT is not available yet");
+    EXPECT_EQ(what, "unknown inference algorithm");
     EXPECT_EQ(cells(table(c)), before);
 }
