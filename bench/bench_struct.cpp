@@ -132,6 +132,10 @@ template <typename Search> void runSearch(benchmark::State& state, Search search
     state.counters["edges"] = (double)edges;
 }
 
+void BM_ChowLiu(benchmark::State& state) {
+    runSearch(state, [](IO<I, V>& io) { io.buildChowLiu(nullptr); });
+}
+
 void BM_ElemGM(benchmark::State& state) {
     const double fraction = (double)state.range(0) / 100.0;
     runSearch(state, [fraction](IO<I, V>& io) { io.buildElemGM(fraction, nullptr); });
@@ -140,4 +144,5 @@ void BM_ElemGM(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_CountCompleteGraph)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ChowLiu)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_ElemGM)->Arg(5)->Arg(50)->Unit(benchmark::kMillisecond)->UseRealTime();
