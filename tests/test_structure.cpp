@@ -606,7 +606,8 @@ TEST(CliquesRndDeathTest, InformationAboveTheBound) {
         return r;
     };
     std::mt19937 rng(1);
-    EXPECT_DEATH(M.io.buildCliquesRnd(0.0, 2, nullptr, g, rng), "src/include/QZ/QZSTRUCT:[0-9]+: .*Assertion `Imax < upper' failed");
+    EXPECT_DEATH(M.io.buildCliquesRnd(0.0, 2, nullptr, g, rng),
+                 "src/include/QZ/QZSTRUCT:[0-9]+: .*Assertion `Imax < upper' failed");
 }
 
 // ---------------------------------------------------------------- Chow-Liu

@@ -187,8 +187,8 @@ TEST(ModelSearch, RandomCliquesNeedASizeTheTableCanFill) {
 TEST(ModelSearch, LearnedGraphIsFittedAndQueried) {
     Ctx c;
     ASSERT_TRUE(runLines(c, loadVote("ELEMGM") + std::vector<std::string>{"PEL 0.2", "MODEL;", "ALG GD;", "STP 0.5",
-                                                                         "MIO 30", "MIL 20", "ESTIMATE;", "MOV GP0 RES;",
-                                                                         "INFER;"}));
+                                                                         "MIO 30", "MIL 20", "ESTIMATE;",
+                                                                         "MOV GP0 RES;", "INFER;"}));
     const double nll = regR(c, "GP0");
     // Below the independence model's (no weights) value of 17 log 2.
     EXPECT_TRUE(std::isfinite(nll));
