@@ -386,3 +386,25 @@ TEST(ModelSearch, StructureExampleComparesTreeElemGMAndCompleteGraph) {
     EXPECT_NEAR(v["GP0"], r["GP5"], 1e-6);
     EXPECT_LT(v["GP0"], r["GP3"]);
 }
+
+// A learned model is an ordinary model: its file reads back with the learned
+// graph, its counts and its fitted weights.
+TEST(ModelSearch, LearnedModelStoresAndReadsBack) {
+    const std::string mfn = tmpPath("struct_learned.qzm");
+    std::remove(mfn.c_str());
+    Ctx c;
+    ASSERT_TRUE(runLines(c, loadVote("CLIQUES") + std::vector<std::string>{"KXX 3", "MODEL;", "ALG JT;", "ALG FL1;",
+                                                                          "MIO 50", "ESTIMATE;", "MFN '" + mfn + "'",
+                                                                          "STORE MPT;"}));
+    const IOd* io = model(c);
+    Ctx d;
+    ASSERT_TRUE(runLines(d, {"MFN '" + mfn + "'", "LDX MPT;"}));
+    const IOd* back = model(d);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(edgeList(*back->G), edgeList(*io->G));
+    EXPECT_EQ(back->gtype, 12u);
+    EXPECT_EQ(std::vector<unsigned long>(back->woff, back->woff + back->odim),
+              std::vector<unsigned long>(io->woff, io->woff + io->odim));
+    EXPECT_EQ(std::vector<double>(back->E, back->E + back->sdim), std::vector<double>(io->E, io->E + io->sdim));
+    EXPECT_EQ(std::vector<double>(back->w, back->w + back->dim), std::vector<double>(io->w, io->w + io->dim));
+}
