@@ -120,11 +120,26 @@ bool vm_t::freeGraph() {
     // Null and the dry-pass sentinel hold nothing to delete; the index type is
     // only needed, and only checked, when there is a graph.
     if (p != nullptr && p != (void*)1) {
-        FreeGraphF f{p};
-        if (!dispatchIdx(f)) throw std::logic_error("unsupported storage type");
+        if (modelUsesGraph(p)) {
+            // The model still reads its graph: releasing it is put off until
+            // the model goes or gets another one, so that DEL GPT never leaves
+            // a model on a dead graph.
+            dropKeptGraph();
+            keptGraph = p;
+        } else {
+            FreeGraphF f{p};
+            if (!dispatchIdx(f)) throw std::logic_error("unsupported storage type");
+        }
     }
     set(GPT, (void*)nullptr);
     return true;
+}
+
+void vm_t::dropKeptGraph() {
+    if (keptGraph == nullptr) return;
+    FreeGraphF f{keptGraph};
+    dispatchIdx(f);
+    keptGraph = nullptr;
 }
 
 bool vm_t::graphCount(VarType v, size_t& out) const {

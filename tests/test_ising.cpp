@@ -400,6 +400,12 @@ TEST(IsingProgram, FitReachesThePlainModelsOptimumOnATree) {
     expectSameOptimum("chain", "CHAIN", {"ALG LBP;"}, 4, "4000");
 }
 
+TEST(IsingProgram, FitWithTheJunctionTreeReachesThePlainModelsOptimum) {
+    // Exact inference on a graph with loops: the complete graph over the five
+    // columns, 10 edges, 15 parameters against 40.
+    expectSameOptimum("full_jt", "FULL", {"ALG JT;"}, 10, "6000");
+}
+
 TEST(IsingProgram, FitReachesThePlainModelsOptimumOnACompleteGraph) {
     // Loops everywhere; an engine that enumerates makes every gradient exact.
     expectSameOptimum("full_enum", "FULL", {"ALG EXTI;"}, 10, "6000");

@@ -5,6 +5,7 @@
 #include <qz_live_count.h>
 #include <qz_graph_util.h>
 
+#include <QZ/QZBP>
 #include <QZ/QZGRAPH>
 
 #include <algorithm>
@@ -476,6 +477,22 @@ TEST(JunctionTree, GivesBackEverythingItTook) {
         EXPECT_GT(qztest::liveBlocks(), before);
     }
     EXPECT_EQ(qztest::liveBlocks(), before);
+}
+
+TEST(JunctionTree, ExactEngineGivesBackEverythingItTook) {
+    // The engine owns its tree and its tables; the log tables made on demand
+    // go with it too.
+    auto G = randomGraph<unsigned>(10, 0.3, 19);
+    std::vector<unsigned> Y(10, 2);
+    std::vector<double> w(4 * G->edges(), 0.25);
+    std::mt19937 rng(1);
+    const long long before = __atomic_load_n(&g_live, __ATOMIC_RELAXED);
+    {
+        QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
+        H.infer(0);
+        EXPECT_NE(H.messages(), nullptr);
+    }
+    EXPECT_EQ(__atomic_load_n(&g_live, __ATOMIC_RELAXED), before);
 }
 
 TEST(JunctionTree, NarrowIndexRefusesTooManyNodes) {
