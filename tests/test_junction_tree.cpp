@@ -486,13 +486,13 @@ TEST(JunctionTree, ExactEngineGivesBackEverythingItTook) {
     std::vector<unsigned> Y(10, 2);
     std::vector<double> w(4 * G->edges(), 0.25);
     std::mt19937 rng(1);
-    const long long before = __atomic_load_n(&g_live, __ATOMIC_RELAXED);
+    const long long before = qztest::liveBlocks();
     {
         QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
         H.infer(0);
         EXPECT_NE(H.messages(), nullptr);
     }
-    EXPECT_EQ(__atomic_load_n(&g_live, __ATOMIC_RELAXED), before);
+    EXPECT_EQ(qztest::liveBlocks(), before);
 }
 
 TEST(JunctionTree, NarrowIndexRefusesTooManyNodes) {
