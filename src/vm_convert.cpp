@@ -1,8 +1,8 @@
 // STGRAPH, JUNCTIONTREE and BOLTZMANNTREE put a graph derived from the one in
 // GPT in its place; BASEGRAPH hands the host the graph under a derived one.
 // The derived graph is built on the old one, which therefore stays alive: a
-// model in MPT keeps it as its H, and releasing the derived graph from GPT
-// releases it too.
+// model in MPT keeps it as its H, and the machine releases it together with
+// the derived graph.
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>
 #include <QZ/QZGRAPH>
@@ -28,6 +28,7 @@ template <typename idx_t> AbstractGraph<idx_t>* graphOf(const vm_t& vm) {
 // one underneath.
 template <typename idx_t, typename val_t>
 void install(vm_t& vm, AbstractGraph<idx_t>* now, AbstractGraph<idx_t>* old, const size_t gra) {
+    vm.derivedGraphs[(void*)now] = (void*)old;
     vm.set(vm_t::GPT, (void*)now);
     vm.set(vm_t::GRA, gra);
     void* mp = vm.getP(vm_t::MPT);

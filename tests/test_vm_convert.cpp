@@ -163,8 +163,13 @@ TEST(ConvertJT, GraphToJunctionTreeAndBackWithBaseGraph) {
     EXPECT_EQ(reg(c, "RES"), (size_t)grid);
     EXPECT_EQ(edgeList(*second), treeEdges);
     for (I v = 0; v < second->vertices(); ++v) EXPECT_EQ(objects(*second, v), sets[v]);
-    // The first tree was taken out of GPT by the host, which releases it.
-    delete first;
+    // The first tree goes back into GPT to be released; the grid stays, as
+    // the second tree stands on it, and goes with that one at the end.
+    const size_t second_ = reg(c, "GPT");
+    ASSERT_TRUE(wreg(c, "GPT", (size_t)first));
+    ASSERT_TRUE(runLines(c, {"DEL GPT;"}));
+    EXPECT_EQ(edgeList(*grid), gridEdges);
+    ASSERT_TRUE(wreg(c, "GPT", second_));
 }
 
 // ---------------------------------------------------------------- BASEGRAPH
@@ -379,6 +384,34 @@ TEST(ConvertRelease, ReleasingADerivedGraphReleasesTheGraphsUnderIt) {
     const long long plain = kept({"GRA GRID;", "GVX 9", "LDX GPT;", "DEL GPT;"});
     EXPECT_EQ(kept(withDel), plain);
     EXPECT_EQ(kept(derive), plain);
+}
+
+// A program may put the graph under a derived one back into GPT and release
+// it: it waits for the derived graph, which still stands on it.
+TEST(ConvertRelease, AGraphUnderADerivedOneWaitsForIt) {
+    auto kept = [](bool derive) {
+        const long long before = qztest::liveBlocks();
+        {
+            Ctx c;
+            EXPECT_TRUE(runLines(c, {"GRA GRID;", "GVX 9", "LDX GPT;"}));
+            if (derive) {
+                const size_t grid = reg(c, "GPT");
+                const EdgeList edges = edgeList(*graphOf(c));
+                EXPECT_TRUE(runLines(c, {"TXX 2", "STGRAPH;"}));
+                const size_t st = reg(c, "GPT");
+                wreg(c, "GPT", grid);
+                EXPECT_TRUE(runLines(c, {"DEL GPT;"}));
+                EXPECT_EQ(edgeList(*reinterpret_cast<const QZ::AbstractGraph<I>*>(grid)), edges);
+                wreg(c, "GPT", st);
+                EXPECT_TRUE(runLines(c, {"BASEGRAPH;"}));
+                EXPECT_EQ(reg(c, "RES"), grid);
+            }
+            EXPECT_TRUE(runLines(c, {"DEL GPT;"}));
+        }
+        return qztest::liveBlocks() - before;
+    };
+    kept(true);
+    EXPECT_EQ(kept(true), kept(false));
 }
 
 // ---------------------------------------------------------------- INITLATENT
