@@ -29,33 +29,34 @@ typedef QZ::IO<I, double> IOd;
 
 const size_t kSensors = 4, kSlices = 3;
 
-// Four sensors on a 2 x 2 grid read "lo" or "hi" at three times; column
-// t * 4 + v is sensor v at time t, the numbering of the slices. A reading
+// Sensors (four, on a 2 x 2 grid) read "lo" or "hi" at three times; column
+// t * sensors + v is sensor v at time t, the numbering of the slices. A reading
 // tends to stay as it was and to follow the sensor next to it. The reader
 // drops the line after the header. Read with shared states, a reading has
 // the same code in every column.
-std::string sensorTable(const std::string& tag, unsigned seed, size_t rows) {
+std::string sensorTable(const std::string& tag, unsigned seed, size_t rows, size_t sensors = kSensors) {
     std::mt19937 g(seed);
     std::uniform_real_distribution<double> U(0, 1);
     std::string s;
     for (size_t t = 0; t < kSlices; ++t)
-        for (size_t v = 0; v < kSensors; ++v) s += std::string(t + v ? "," : "") + "s" + std::to_string(v) + "t" + std::to_string(t);
+        for (size_t v = 0; v < sensors; ++v)
+            s += std::string(t + v ? "," : "") + "s" + std::to_string(v) + "t" + std::to_string(t);
     s += "\nlo";
-    for (size_t k = 1; k < kSensors * kSlices; ++k) s += ",lo";
+    for (size_t k = 1; k < sensors * kSlices; ++k) s += ",lo";
     s += "\n";
     for (size_t r = 0; r < rows; ++r) {
-        std::vector<int> x(kSensors);
-        for (size_t v = 0; v < kSensors; ++v) x[v] = U(g) < 0.4;
+        std::vector<int> x(sensors);
+        for (size_t v = 0; v < sensors; ++v) x[v] = U(g) < 0.4;
         for (size_t t = 0; t < kSlices; ++t) {
             if (t > 0) {
                 std::vector<int> y = x;
-                for (size_t v = 0; v < kSensors; ++v) {
+                for (size_t v = 0; v < sensors; ++v) {
                     if (U(g) < 0.15) y[v] = 1 - y[v];
                     if (U(g) < 0.25) y[v] = x[v ^ 1];
                 }
                 x = y;
             }
-            for (size_t v = 0; v < kSensors; ++v) s += std::string(t + v ? "," : "") + (x[v] ? "hi" : "lo");
+            for (size_t v = 0; v < sensors; ++v) s += std::string(t + v ? "," : "") + (x[v] ? "hi" : "lo");
         }
         s += "\n";
     }
@@ -196,6 +197,32 @@ TEST(VmSTRF, ADecayLawOnAGraphWithoutSlicesIsRefused) {
                              "REP STQUAD;", "MODEL;"}));
     EXPECT_EQ(model(c)->H, nullptr);
     EXPECT_EQ(failureOf(c, {"ALG JT;", "INFER;"}), "spatio-temporal model requires a spatio-temporal graph");
+}
+
+// Every index type with float and double values: the same increments up to
+// rounding, hence the same marginals. Two sensors in a row, small enough for
+// every structure of the engines to be numbered in 8 bits.
+TEST(VmSTRF, EveryFloatingInstantiationFitsTheSameModel) {
+    const std::string table = sensorTable("inst", 23, 200, 2);
+    auto fit = [&table](const std::string& idx, const std::string& val) {
+        Ctx c;
+        std::vector<std::string> lines = {"idx_t " + idx + ";", "val_t " + val + ";"};
+        for (const std::string& l : trainLines(table, "STCUBIC"))
+            lines.push_back(l == "MIO 80" ? "MIO 20" : l == "GRA GRID;" ? "GRA CHAIN;" : l);
+        lines.push_back("DEL DPT;");
+        lines.push_back("INFER;");
+        EXPECT_TRUE(runLines(c, lines)) << idx << " " << val;
+        const double* p = reinterpret_cast<const double*>(reg(c, "PPT"));
+        // 6 binary vertices and 1 * 3 + 2 * (2 + 2) edges of 4 joint states.
+        return std::vector<double>(p, p + 12 + 44);
+    };
+    const std::vector<double> ref = fit("UINT64", "FLT64");
+    for (const char* idx : {"UINT8", "UINT16", "UINT32", "UINT64"})
+        for (const char* val : {"FLT32", "FLT64", "FLTMPREC"}) {
+            const std::vector<double> p = fit(idx, val);
+            const double tol = std::string(val) == "FLT32" ? 1e-4 : 1e-12;
+            for (size_t i = 0; i < ref.size(); ++i) EXPECT_NEAR(p[i], ref[i], tol) << idx << " " << val << " " << i;
+        }
 }
 
 // ---------------------------------------------------------------- the example
