@@ -35,6 +35,19 @@ struct RefModel {
     }
 };
 
+// A complete graph of n binary vertices with weights from the reference
+// generator's distribution: one clique of 2^n entries, where both cores pay.
+struct CompleteModel {
+    QZ::Kn<unsigned> G;
+    std::vector<unsigned> Y;
+    std::vector<double> w;
+    explicit CompleteModel(unsigned n) : G(n, nullptr), Y(n, 2), w(4 * (size_t)G.edges()) {
+        std::mt19937_64 rng(12345);
+        std::normal_distribution<double> nd(0.0, 0.5);
+        for (double& x : w) x = nd(rng);
+    }
+};
+
 void tableCounters(benchmark::State& state, const QZ::HuginAlgorithm<unsigned, double>& H) {
     size_t largest = 0;
     for (unsigned C = 0; C < H.jt()->vertices(); ++C) largest = std::max(largest, (size_t)H.YC[C]);
@@ -82,8 +95,24 @@ void BM_HuginInfer(benchmark::State& state) {
     omp_set_num_threads(saved);
 }
 
+void BM_HuginCompleteInfer(benchmark::State& state) {
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads((int)state.range(1));
+    CompleteModel m((unsigned)state.range(0));
+    std::mt19937 rng(1);
+    QZ::HuginAlgorithm<unsigned, double> H(&m.G, m.Y.data(), &rng, m.w.data());
+    H.infer(0);
+    for (auto _ : state) {
+        H.infer(0);
+        benchmark::DoNotOptimize(H.A());
+    }
+    tableCounters(state, H);
+    omp_set_num_threads(saved);
+}
+
 }  // namespace
 
 BENCHMARK(BM_JunctionTree)->Arg(10)->Arg(12)->Arg(14)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_HuginFirstRun)->ArgsProduct({{10, 12, 14}, {1, 2}})->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_HuginInfer)->ArgsProduct({{10, 12, 14}, {1, 2}})->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_HuginCompleteInfer)->ArgsProduct({{17, 20}, {1, 2}})->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -2,7 +2,14 @@
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -84,8 +91,65 @@ std::string CategoricalData::getString(const size_t& row, const size_t& col) con
     return categoryName(col, cell);
 }
 
+void storeFile(const std::string& fn, const std::function<void(std::ostream&)>& write) {
+    const std::logic_error failed("cannot write file " + fn);
+    struct stat st;
+    const bool exists = lstat(fn.c_str(), &st) == 0;
+    if (exists && !S_ISREG(st.st_mode)) {
+        // A device, pipe or link is written where it is; there is nothing to
+        // put beside it.
+        std::ofstream out(fn, std::ios::out | std::ios::binary | std::ios::trunc);
+        if (!out) throw failed;
+        write(out);
+        out.flush();
+        if (!out) throw failed;
+        out.close();
+        if (out.fail()) throw failed;
+        return;
+    }
+    // A name of our own in the same folder, so that the rename stays within
+    // one file system; O_EXCL makes sure no other writer has it.
+    static std::atomic<unsigned> serial{0};
+    std::string tmp;
+    int fd = -1;
+    for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
+        tmp = fn + ".tmp" + std::to_string((long)getpid()) + "_" + std::to_string(serial++);
+        fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+        if (fd < 0 && errno != EEXIST) break;
+    }
+    if (fd < 0) throw failed;
+    close(fd);
+    bool ok;
+    {
+        std::ofstream out(tmp, std::ios::out | std::ios::binary | std::ios::trunc);
+        ok = (bool)out;
+        if (ok) {
+            try {
+                write(out);
+            } catch (...) {
+                out.close();
+                std::remove(tmp.c_str());
+                throw;
+            }
+            out.flush();
+            ok = (bool)out;
+            out.close();
+            ok = ok && !out.fail();
+        }
+    }
+    // A file replaced keeps the permissions it had.
+    if (ok && exists) chmod(tmp.c_str(), st.st_mode & 07777);
+    if (!ok || std::rename(tmp.c_str(), fn.c_str()) != 0) {
+        std::remove(tmp.c_str());
+        throw failed;
+    }
+}
+
 void CategoricalData::store(const std::string& fname) const {
-    std::ofstream out(fname, std::ios::out | std::ios::trunc);
+    storeFile(fname, [this](std::ostream& out) { write(out); });
+}
+
+void CategoricalData::write(std::ostream& out) const {
     if (hasHeader) {
         const size_t h = std::min(n, header.size());
         for (size_t c = 0; c < h; ++c) {
@@ -184,9 +248,9 @@ void CategoricalCSVData::read(std::istream& inF) {
 
     // Cells go straight into one flat buffer, already cut to 16 bits.
     std::vector<unsigned short> cells;
-    size_t rowsRead = 0, firstLen = 0;
-    std::string tok;
     const size_t ALL = ~(size_t)0;
+    size_t rowsRead = 0, firstLen = 0, ragged = ALL;
+    std::string tok;
     // Read once: the loop grows states, which the compiler cannot tell apart
     // from these fields.
     const bool locked = states_locked, shared = sharedStates;
@@ -223,6 +287,8 @@ void CategoricalCSVData::read(std::istream& inF) {
             start = comma + 1;
         }
         if (rowsRead == 0) firstLen = col;
+        // Where the first row of another length begins.
+        if (col != firstLen && ragged == ALL) ragged = cells.size() - col;
         ++rowsRead;
     }
 
@@ -232,10 +298,13 @@ void CategoricalCSVData::read(std::istream& inF) {
         data = new unsigned short[N * n];
     }
     for (size_t c = 0; c < n; ++c) added.push_back(false);
-    // Ragged rows: count every cell, but write no further than the table.
-    const size_t cap = N * n;
-    size_t i = cells.size();
-    if (cap > 0) std::memcpy(data, cells.data(), std::min(i, cap) * sizeof(unsigned short));
+    // Rows must all be as long as the first. The copy stops where the first
+    // row of another length begins, so that a ragged file always fails the
+    // count below, also where a short and a long row would make up for each
+    // other, and no cell is ever written past the table or moved into the
+    // column of another.
+    const size_t i = ragged == ALL ? cells.size() : ragged;
+    if (N * n > 0) std::memcpy(data, cells.data(), std::min(i, N * n) * sizeof(unsigned short));
     assert(i==n*N);
     std::vector<unsigned short>().swap(cells);
 
@@ -245,6 +314,10 @@ void CategoricalCSVData::read(std::istream& inF) {
         // names, so it exists, empty, rather than being read past.
         if (sharedStates && states.empty()) states.push_back(new std::map<std::string, size_t>());
         const size_t tables = sharedStates ? 1 : columns();
+        // Tables are made as values are met: trailing columns without any
+        // value get an empty one, so that they count as columns of no state
+        // (which MODEL then names) instead of being read past.
+        while (states.size() < tables) states.push_back(new std::map<std::string, size_t>());
         for (size_t c = 0; c < tables; ++c) {
             const std::map<std::string, size_t>* m = states.at(c);
             std::vector<std::string>* inv = new std::vector<std::string>(m->size());

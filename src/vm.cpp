@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <omp.h>
 
 namespace QZ {
@@ -272,10 +273,15 @@ void vm_t::setCode(std::vector<std::string>* L) {
 bool vm_t::run() {
     if (running()) return false;
     runningLock.lock();
-    isRunning = true;
+    // The running thread reads the computed registers straight from the
+    // objects, as the line loop does (see computedForHost). A failed run
+    // keeps it the runner: the context is wedged and nothing else runs.
+    runner = std::this_thread::get_id();
+    __atomic_store_n(&isRunning, true, __ATOMIC_SEQ_CST);
     // No clean-up path on purpose: a failed run leaves the context wedged.
     const bool result = parse(false);
-    isRunning = false;
+    runner = std::thread::id();
+    __atomic_store_n(&isRunning, false, __ATOMIC_SEQ_CST);
     runningLock.unlock();
     return result;
 }
@@ -312,13 +318,43 @@ size_t vm_t::getRegValByName(const std::string reg) {
         switch (std::get<2>(row)) {
         case STRING: return (size_t)getS(std::get<1>(row));
         case POINTER: return (size_t)getP(std::get<1>(row));
-        default: return get(std::get<1>(row));
+        default: {
+            const VarType v = std::get<1>(row);
+            if (v == GVX || v == GEX || v == DIM) return computedForHost(v);
+            return get(v);
+        }
         }
     }
     return ~(size_t)0;
 }
 
 // ---------------------------------------------------------------- registers
+
+// Only once a thread from outside has asked while the resources were being
+// changed, so that a run nobody watches never looks at them more often than
+// the program does.
+void vm_t::publishComputed() {
+    if (!pollers.load()) return;
+    shownGVX = get(GVX);
+    shownGEX = get(GEX);
+    shownDIM = get(DIM);
+    shown = true;
+}
+
+size_t vm_t::computedForHost(VarType v) {
+    // The run's own threads (the running thread, callbacks from it or from a
+    // parallel loop of an instruction) see the objects as the instruction
+    // leaves them at that point. Any other thread asks the objects only
+    // while no instruction is changing them (resLock); during one that does,
+    // it gets the values published at the end of the last such instruction
+    // (the stored bits, as with no graph or model, before the first).
+    if (runner.load() == std::this_thread::get_id() || omp_in_parallel()) return get(v);
+    std::unique_lock<std::mutex> quiet(resLock, std::try_to_lock);
+    if (quiet.owns_lock()) return get(v);
+    pollers = true;
+    if (!shown.load()) return bits(v);
+    return v == GVX ? shownGVX.load() : v == GEX ? shownGEX.load() : shownDIM.load();
+}
 
 // The computed registers answer from the resources (or their dry-pass
 // sentinels); every other register is its stored bits. Only the computed ones
@@ -328,27 +364,44 @@ size_t vm_t::get(VarType v) const {
     switch (v) {
     case GVX:
     case GEX:
-        if (VS.at(MPT) == 1) return 1;
-        if (!noexec && VS.at(GPT) != 0) {
+        if (bits(MPT) == 1) return 1;
+        if (!noexec && bits(GPT) != 0) {
             size_t count;
             if (graphCount(v, count)) return count;
         }
         break;
     case DIM: {
-        const size_t mpt = VS.at(MPT);
+        const size_t mpt = bits(MPT);
         if (mpt == 1) return 1;
         if (mpt != 0) return getDim();
         break;
     }
     case NNN:
-        if (VS.at(DPT) == 1) return 1;
+        if (bits(DPT) == 1) return 1;
         break;
     case ONE:
         return 1;
     default:
         break;
     }
-    return VS.at(v);
+    return bits(v);
+}
+
+// The instructions that make, replace or release a table, graph or model, or
+// change the sizes a graph or model reports.
+static bool changesResources(vm_t::OpType op) {
+    switch (op) {
+    case vm_t::LOAD:
+    case vm_t::FREE:
+    case vm_t::MODEL:
+    case vm_t::STATS:
+    case vm_t::CST:
+    case vm_t::CBT:
+    case vm_t::CJT:
+    case vm_t::BASE:
+    case vm_t::INITLAT: return true;
+    default: return false;
+    }
 }
 
 double vm_t::getR(VarType v) const {
@@ -360,7 +413,7 @@ double vm_t::getR(VarType v) const {
         std::uniform_real_distribution<double> U(0.0, 1.0);
         return U(*random_engine);
     }
-    const size_t b = VS.at(v);
+    const size_t b = bits(v);
     double d;
     std::memcpy(&d, &b, sizeof(d));
     return d;
@@ -374,38 +427,45 @@ void vm_t::set(VarType v, size_t x) {
     if (v == OMP) omp_set_num_threads((int)x);
     if (v == SEP && (char)(x & 0xff) == '|') throw std::out_of_range("separator | not supported");
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = x;
+    __atomic_store_n(&VS[v], (size_t)(x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, bool x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = x ? 1 : 0;
+    __atomic_store_n(&VS[v], (size_t)(x ? 1 : 0), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, char x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)(unsigned char)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)(unsigned char)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, double x) {
     size_t b;
     std::memcpy(&b, &x, sizeof(b));
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = b;
+    __atomic_store_n(&VS[v], (size_t)(b), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, std::string* x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::set(VarType v, void* x) {
     std::lock_guard<std::mutex> lock(vsLock);
-    VS[v] = (size_t)x;
+    __atomic_store_n(&VS[v], (size_t)((size_t)x), __ATOMIC_RELAXED);
 }
 
 void vm_t::requireMPT() const {
     if (getP(MPT) == nullptr) throw std::logic_error("no model loaded");
+}
+
+// After the checks of an instruction that works on the model: a model whose
+// graph was released (DEL GPT), or which was given none, cannot be used until
+// a graph of its variables is loaded again.
+void vm_t::requireModelGraph() const {
+    if (modelLacksGraph()) throw std::logic_error("the model has no graph: load one with LDX GPT");
 }
 
 void vm_t::requireGPT() const {
@@ -649,6 +709,20 @@ size_t vm_t::lineOperand(VarType r) {
 bool vm_t::exec() {
     execPending = false;
     (void)get(GRA);
+    // Readers on other threads wait for no instruction: while one changes the
+    // resources they are answered from what was published before. An
+    // instruction that fails keeps the lock, since it may have left the
+    // resources half changed (the context is wedged from then on).
+    struct Changing {
+        std::mutex* m;
+        vm_t& vm;
+        ~Changing() {
+            if (m == nullptr || std::uncaught_exceptions() > 0) return;
+            vm.publishComputed();
+            m->unlock();
+        }
+    } changing{changesResources(op) ? &resLock : nullptr, *this};
+    if (changing.m != nullptr) changing.m->lock();
     switch (op) {
     case ADD: {
         const double a = numRead(target), b = numRead(source);
@@ -737,15 +811,20 @@ bool vm_t::exec() {
         break;
     case ESTIMATE:
         requireMPT();
-        if (!noexec) estimateFunc();
+        if (!noexec) {
+            requireModelGraph();
+            estimateFunc();
+        }
         break;
     case STATS:
         requireMPT();
         requireGPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             statsFunc();
-        else
+        } else {
             set(MPT, (void*)1);
+        }
         break;
     case MODEL:
         requireGPT();
@@ -758,27 +837,37 @@ bool vm_t::exec() {
     case INFER:
         requireGPT();
         requireMPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             inferFunc();
-        else
+        } else {
             set(PPT, (void*)1);
+        }
         break;
     case PREDICT:
         requireMPT();
         requireDPT();
-        if (!noexec) predictFunc();
+        if (!noexec) {
+            requireModelGraph();
+            predictFunc();
+        }
         break;
     case SCORE:
         requireMPT();
         requireDPT();
-        if (!noexec) scoreFunc();
+        if (!noexec) {
+            requireModelGraph();
+            scoreFunc();
+        }
         break;
     case SAMPLE:
         requireMPT();
-        if (!noexec)
+        if (!noexec) {
+            requireModelGraph();
             sampleFunc();
-        else
+        } else {
             set(DPT, (void*)1);
+        }
         break;
     case CST:
         requireGPT();
@@ -803,16 +892,25 @@ bool vm_t::exec() {
         break;
     case INITGAUSS:
         requireMPT();
-        if (!noexec) initGauss();
+        if (!noexec) {
+            requireModelGraph();
+            initGauss();
+        }
         break;
     case INITZERO:
         requireMPT();
-        if (!noexec) initZero();
+        if (!noexec) {
+            requireModelGraph();
+            initZero();
+        }
         break;
     case CLOSEDFORM:
         requireGPT();
         requireMPT();
-        if (!noexec) closedForm();
+        if (!noexec) {
+            requireModelGraph();
+            closedForm();
+        }
         break;
     default:
         break;  // SET and anything without a branch do nothing
@@ -882,7 +980,10 @@ void vm_t::execStore() {
         std::string* mfn = getS(MFN);
         if (mfn == nullptr) throw std::logic_error("no model filename provided");
         if (file_exists(*mfn) && !getB(OVW)) throw std::logic_error("overwrite disabled but modelfile exists");
-        if (!noexec) storeModel();
+        if (!noexec) {
+            requireModelGraph();
+            storeModel();
+        }
         break;
     }
     case GPT: {

@@ -6,6 +6,7 @@
 #include <QZ/QZIO>
 #include <QZ/QZMRF>
 
+#include "vm_checks.h"
 #include "vm_struct.h"
 
 #include <stdexcept>
@@ -36,6 +37,8 @@ template <typename idx_t, typename val_t> void modelFunc0(vm_t& vm) {
         for (idx_t v = 0; v < n; ++v) io->Y[v] = (idx_t)D->categories(v);
     }
     const idx_t* Y = io->Y;
+    checkCounting<idx_t>(D, G, Y);
+    if (gra == vm_t::CLIQUES) checkSubsets<idx_t>((size_t)n, Y, vm.get(vm_t::KXX));
 
     idx_t d = 0;
     idx_t s, t;
@@ -82,6 +85,7 @@ template <typename idx_t, typename val_t> void statsFunc0(vm_t& vm) {
     // STATS does not require a table before it runs; counting without one is
     // reported like any other missing resource instead of reading nothing.
     if (D == nullptr || D == (void*)1) throw std::logic_error("no data loaded");
+    checkCounting<idx_t>(D, G, io->Y);
     // The earlier arrays are replaced, not released.
     if (sumStats<idx_t, val_t>(D, G, io->Y, vm.random_engine, io->E, io->woff, io->odim, io->sdim))
         io->num_instances = (idx_t)D->size();

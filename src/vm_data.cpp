@@ -3,7 +3,11 @@
 #include <QZ/QZDATA>
 #include <QZ/QZIO>
 
+#include <unistd.h>
+
 #include <fstream>
+#include <new>
+#include <stdexcept>
 #include <sstream>
 
 namespace QZ {
@@ -11,6 +15,28 @@ namespace QZ {
 namespace {
 
 typedef std::vector<std::vector<std::string>*> NameLists;
+
+// A binary table says how many rows, columns and categories it has; the
+// reader takes that on trust. Here the cells it announces must be in the file
+// (a header of huge counts would otherwise have it allocate and wait for
+// bytes that never come), a category must fit the 16-bit code, and the names
+// it makes for every column's categories must fit into memory at all.
+void checkBinaryHeader(const std::string& fn) {
+    std::ifstream in(fn, std::ios::binary);
+    size_t head[4] = {0, 0, 0, 0};
+    in.read(reinterpret_cast<char*>(head), sizeof(head));
+    const size_t len = filesize(fn), N = head[1], n = head[2], sX = head[3];
+    const std::string what = "binary table " + fn + " announces " + std::to_string(N) + " rows, " +
+                             std::to_string(n) + " columns and " + std::to_string(sX) + " categories";
+    size_t cells;
+    if (len < sizeof(head) || __builtin_mul_overflow(N, n, &cells) || cells > len - sizeof(head))
+        throw std::logic_error(what + ", but holds only " + std::to_string(len) + " bytes");
+    if (sX > CategoricalData::MIS_VAL) throw std::logic_error(what + ": a category code has 16 bits");
+    // A name costs a map node and a string, some 100 bytes.
+    const double bytes = (double)n * (double)sX * 100.0;
+    const double memory = (double)sysconf(_SC_PHYS_PAGES) * (double)sysconf(_SC_PAGESIZE);
+    if (bytes > memory) throw std::bad_alloc();
+}
 
 // The table is read against the coding of the model in MPT, if there is one:
 // the model's state names, or Y0, Y1, ... when the model has none. The model
@@ -68,6 +94,7 @@ template <typename idx_t, typename val_t> void loadData0(vm_t& vm) {
     }
 
     if (edp == nullptr) {
+        if (magic == CategoricalBinaryData::MAGIC) checkBinaryHeader(*dfn);
         D->read(*dfn);
         D->addColumns(Lnum, Ly);
         vm.set(vm_t::RES, filesize(*dfn));

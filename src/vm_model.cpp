@@ -4,6 +4,11 @@
 #include <QZ/QZMISC>
 #include <QZ/QZIO>
 
+#include <cstring>
+#include <map>
+#include <string>
+#include <utility>
+
 namespace QZ {
 
 namespace {
@@ -54,23 +59,100 @@ template <typename idx_t, typename val_t> void freeModel0(const vm_t& vm) {
     if (!io->external()) delete io;
 }
 
+// The number of variables of a model: those of its graph, or, once the graph
+// is gone, one per list of state names. 0 when neither tells.
+template <typename idx_t, typename val_t> size_t modelVertices(const IO<idx_t, val_t>* io) {
+    if (io->G != nullptr) return (size_t)io->G->vertices();
+    return io->Ynames != nullptr ? io->Ynames->size() : 0;
+}
+
+// A new graph over the same variables: the container's offsets, statistics
+// and weights are laid out for it. An edge the old graph had keeps its counts
+// and weights (transposed if it now runs the other way); a new edge starts at
+// zero, to be counted by STATS. A graph over other variables is refused
+// before anything changes, since the model has no states for them.
 template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& vm) {
     IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
     AbstractGraph<idx_t>* G = static_cast<AbstractGraph<idx_t>*>(vm.getP(vm_t::GPT));
-    io->G = G;
-    io->gtype = (idx_t)vm.get(vm_t::GRA);
-    // A kind that makes no graph leaves a model without edges.
-    idx_t dim = 0;
-    if (G != nullptr) {
-        const idx_t m = G->edges();
-        const idx_t* Y = io->Y;
-        idx_t s, t;
-        for (idx_t e = 0; e < m; ++e) {
-            G->edge(e, s, t);
-            dim += Y[s] * Y[t];
-        }
+    const AbstractGraph<idx_t>* old = io->G;
+    if (G == nullptr) {
+        // A kind that makes no graph leaves a model without edges, and
+        // without a graph until the next LDX GPT.
+        io->G = nullptr;
+        io->gtype = (idx_t)vm.get(vm_t::GRA);
+        io->dim = 0;
+        return;
     }
-    io->dim = dim;
+    const size_t V = (size_t)G->vertices(), M = (size_t)G->edges();
+    const size_t Vm = modelVertices(io);
+    if (Vm != 0 && Vm != V)
+        throw std::logic_error("the graph has " + std::to_string(V) + " vertices, but the model has " +
+                               std::to_string(Vm) + " variables");
+    io->gtype = (idx_t)vm.get(vm_t::GRA);
+    if (old == G) return;
+
+    const idx_t* Y = io->Y;
+    const size_t vdim = checkedSum<idx_t>(V, [&](size_t v) { return (size_t)Y[v]; }, "state counts");
+    idx_t s, t;
+    const size_t dim = checkedSum<idx_t>(M, [&](size_t e) {
+        G->edge((idx_t)e, s, t);
+        return checkedProduct<idx_t>(Y[s], Y[t], "weights");
+    }, "weights");
+    checkedSum<idx_t>(2, [&](size_t k) { return k == 0 ? vdim : dim; }, "statistics");
+    checkedSum<idx_t>(3, [&](size_t k) { return k == 0 ? V : k == 1 ? M : 1; }, "offsets");
+
+    idx_t* woff = new idx_t[V + M + 1];
+    val_t* E = new val_t[vdim + dim]();
+    val_t* w = new val_t[dim]();
+    woff[0] = 0;
+    for (size_t v = 0; v < V; ++v) woff[v + 1] = (idx_t)(woff[v] + Y[v]);
+    // The counts of each variable do not depend on the edges.
+    const bool haveStats = io->E != nullptr && io->woff != nullptr;
+    if (haveStats) std::memcpy(E, io->E, vdim * sizeof(val_t));
+
+    std::map<std::pair<size_t, size_t>, size_t> oldEdges;
+    if (old != nullptr && haveStats)
+        for (idx_t e = 0; e < old->edges(); ++e) {
+            old->edge(e, s, t);
+            oldEdges.emplace(std::make_pair((size_t)s, (size_t)t), (size_t)e);
+        }
+    for (size_t e = 0; e < M; ++e) {
+        G->edge((idx_t)e, s, t);
+        const size_t Ys = Y[s], Yt = Y[t];
+        woff[V + e + 1] = (idx_t)(woff[V + e] + Ys * Yt);
+        auto same = oldEdges.find(std::make_pair((size_t)s, (size_t)t));
+        auto turned = oldEdges.find(std::make_pair((size_t)t, (size_t)s));
+        const bool flip = same == oldEdges.end();
+        auto hit = flip ? turned : same;
+        if (hit == oldEdges.end()) continue;
+        const size_t from = (size_t)io->woff[V + hit->second];
+        const size_t to = (size_t)woff[V + e];
+        for (size_t x = 0; x < Ys; ++x)
+            for (size_t y = 0; y < Yt; ++y) {
+                const size_t src = flip ? y * Ys + x : x * Yt + y;
+                E[to + x * Yt + y] = io->E[from + src];
+                if (io->w != nullptr) w[to - vdim + x * Yt + y] = io->w[from - vdim + src];
+            }
+    }
+
+    delete[] io->E;
+    delete[] io->woff;
+    delete[] io->w;
+    io->E = E;
+    io->woff = woff;
+    io->w = w;
+    io->G = G;
+    io->dim = (idx_t)dim;
+    io->odim = (idx_t)(V + M + 1);
+    io->sdim = (idx_t)(vdim + dim);
+}
+
+template <typename idx_t, typename val_t> bool usesGraph0(const vm_t& vm, const void* g) {
+    return (const void*) static_cast<const IO<idx_t, val_t>*>(vm.getP(vm_t::MPT))->G == g;
+}
+
+template <typename idx_t, typename val_t> bool lacksGraph0(const vm_t& vm) {
+    return static_cast<const IO<idx_t, val_t>*>(vm.getP(vm_t::MPT))->G == nullptr;
 }
 
 struct LoadModelF {
@@ -104,6 +186,19 @@ struct AttachGraphF {
     template <typename idx_t, typename val_t> void operator()() { attachGraphToModel0<idx_t, val_t>(vm); }
 };
 
+struct UsesGraphF {
+    const vm_t& vm;
+    const void* g;
+    bool result;
+    template <typename idx_t, typename val_t> void operator()() { result = usesGraph0<idx_t, val_t>(vm, g); }
+};
+
+struct LacksGraphF {
+    const vm_t& vm;
+    bool result;
+    template <typename idx_t, typename val_t> void operator()() { result = lacksGraph0<idx_t, val_t>(vm); }
+};
+
 }  // namespace
 
 void vm_t::loadModel() {
@@ -131,6 +226,22 @@ void vm_t::attachGraphToModel() {
     if (!isResource(getP(MPT)) || getP(GPT) == (void*)1) return;
     AttachGraphF f{*this};
     dispatch(f);
+    // The graph kept for the model after DEL GPT is no longer its graph.
+    if (keptGraph != nullptr && !modelUsesGraph(keptGraph)) dropKeptGraph();
+}
+
+bool vm_t::modelUsesGraph(const void* g) const {
+    if (!isResource(getP(MPT))) return false;
+    UsesGraphF f{*this, g, false};
+    dispatch(f);
+    return f.result;
+}
+
+bool vm_t::modelLacksGraph() const {
+    if (!isResource(getP(MPT))) return false;
+    LacksGraphF f{*this, false};
+    dispatch(f);
+    return f.result;
 }
 
 bool vm_t::freeModel() {
@@ -138,6 +249,8 @@ bool vm_t::freeModel() {
         FreeModelF f{*this};
         dispatch(f);
     }
+    // Nothing reads the graph DEL GPT kept for the model any more.
+    dropKeptGraph();
     set(MPT, (void*)nullptr);
     return true;
 }

@@ -9,6 +9,7 @@
 #include <QZ/QZMRF>
 #include <vm_wrapper>
 
+#include "vm_checks.h"
 #include "vm_engine.h"
 
 #include <cmath>
@@ -232,6 +233,12 @@ template <typename idx_t, typename val_t> void predictFunc0(vm_t& vm) {
 
 template <typename idx_t, typename val_t> void scoreFunc0(vm_t& vm) {
     const CategoricalData* D = static_cast<const CategoricalData*>(vm.getP(vm_t::DPT));
+    {
+        // A cell is a state index into the model's weights: one beyond the
+        // state space is refused before anything is touched.
+        const IO<idx_t, val_t>* io = static_cast<const IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+        checkCells<idx_t>(D, (size_t)io->G->vertices(), io->Y);
+    }
     Query<idx_t, val_t> q(vm);
     q.preamble();
     InferenceAlgorithm<idx_t, val_t>* IA = q.IA;

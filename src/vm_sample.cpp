@@ -59,6 +59,11 @@ template <typename idx_t> inline void shuffleAll(idx_t* a, const idx_t& k, std::
     for (idx_t i = 0; i < k; ++i) std::swap(a[i], a[(idx_t)U(rng)]);
 }
 
+// Whether row i holds a value for vertex v (a column the table has, not missing).
+inline bool observedCell(const CategoricalData* D, const size_t& i, const size_t& v, const size_t& cols) {
+    return v < cols && D->get(i, v) < 65535;
+}
+
 template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
     IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
     CategoricalData* D = static_cast<CategoricalData*>(vm.getP(vm_t::DPT));
@@ -141,13 +146,8 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                     if (cbp != nullptr) cbp(total, num_samples, nm);
                 }
 
-                for (idx_t v = 0; v < n; ++v) {
-                    X[v] = (val_t)-1;
-                    if ((size_t)v < cols) {
-                        const size_t x = D->get(i, v);
-                        if (x < 65535) X[v] = (val_t)x;
-                    }
-                }
+                for (idx_t v = 0; v < n; ++v)
+                    X[v] = observedCell(D, i, v, cols) ? (val_t)D->get(i, v) : (val_t)-1;
 
                 if (pam == 0.0) {
                     IA->GIBBS(X, gre, true);
@@ -173,10 +173,11 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                             found = true;
                             break;
                         }
-                        if (!found) {
-                            // Noise shared by a whole block; the block of the
-                            // first incident edge, which a vertex without
-                            // edges does not have.
+                        // A vertex without edges has no block to perturb: it
+                        // gets no noise, and MM decides it as any other.
+                        if (!found && nn > 0) {
+                            // Noise shared by a whole block: the block of the
+                            // first incident edge.
                             const idx_t e = G->in_edge(u, 0);
                             const idx_t lo = woff[n + e] - c, hi = woff[n + e + 1] - c;
                             for (idx_t r = 0; r < Y[u]; ++r) {

@@ -197,11 +197,17 @@ TEST(Exports, AdjacencyReadsBackAsTheSameGraph) {
     EXPECT_EQ(qztest::edgeList(back), (qztest::EdgeList{{0, 4}, {1, 3}, {1, 4}, {2, 3}}));
 }
 
-TEST(Exports, NoFailedOpenIsReported) {
+TEST(Exports, AFailedOpenIsReported) {
     Model<unsigned int, double> m(2, {{0, 1}}, {2, 2}, {"a", "b"});
     const std::string fn = tmpPath("no_such_directory/graph");
-    EXPECT_NO_THROW(m.io.storeADJ(fn));
-    EXPECT_NO_THROW(m.io.storeTGF(fn));
-    EXPECT_NO_THROW(m.io.storeFG(fn));
+    for (auto store : {&IO<unsigned int, double>::storeADJ, &IO<unsigned int, double>::storeTGF,
+                       &IO<unsigned int, double>::storeFG}) {
+        try {
+            (m.io.*store)(fn);
+            ADD_FAILURE() << "no error";
+        } catch (const std::logic_error& e) {
+            EXPECT_EQ(std::string(e.what()), "cannot write file " + fn);
+        }
+    }
     EXPECT_EQ(std::fopen(fn.c_str(), "rb"), nullptr);
 }

@@ -459,8 +459,11 @@ TEST(VmModel, DryPassLeavesSentinelsAndDimOne) {
 
 TEST(VmModel, NewGraphIsAttachedToTheModel) {
     IO<unsigned short, float>* io = pathModel<unsigned short, float>(4);
-    Leftovers<unsigned short, float> rest(io);
-    // A star around vertex 1 with states 2, 3, 2, 3: 2*3 + 3*2 + 3*3.
+    Graph<unsigned short>* path = dynamic_cast<Graph<unsigned short>*>(io->G);
+    const std::vector<float> E0(io->E, io->E + io->sdim), w0(io->w, io->w + io->dim);
+    // A star around vertex 1 with states 2, 3, 2, 3: 2*3 + 3*2 + 3*3. Its
+    // first edge is the path's first one turned round, its second is the
+    // path's second, its third is new.
     Graph<unsigned short>* star = qztest::makeGraph<unsigned short>(4, {{1, 0}, {1, 2}, {1, 3}}).release();
     vm_t vm;
     vm.set(vm_t::IDX, (size_t)vm_t::idxUINT16);
@@ -473,11 +476,47 @@ TEST(VmModel, NewGraphIsAttachedToTheModel) {
     EXPECT_EQ(io->gtype, 3u);
     EXPECT_EQ(io->dim, 21u);
     EXPECT_EQ(vm.get(vm_t::DIM), 21u);
+    // The arrays follow the new graph: offsets, vertex counts kept, the
+    // blocks of the old edges carried over (the turned one transposed), the
+    // new edge at zero.
+    EXPECT_EQ(io->odim, 8u);
+    EXPECT_EQ(io->sdim, 10u + 21u);
+    const std::vector<unsigned short> woff(io->woff, io->woff + 8);
+    EXPECT_EQ(woff, (std::vector<unsigned short>{0, 2, 5, 7, 10, 16, 22, 31}));
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(io->E[i], E0[i]);
+    // Old edge (0,1) of 2 x 3 states at E0[10..15], w0[0..5]; new edge (1,0) of 3 x 2.
+    for (int x = 0; x < 3; ++x)
+        for (int y = 0; y < 2; ++y) {
+            EXPECT_EQ(io->E[10 + x * 2 + y], E0[10 + y * 3 + x]);
+            EXPECT_EQ(io->w[x * 2 + y], w0[y * 3 + x]);
+        }
+    // Old edge (1,2) of 3 x 2 states at E0[16..21], w0[6..11]: unchanged.
+    for (int k = 0; k < 6; ++k) {
+        EXPECT_EQ(io->E[16 + k], E0[16 + k]);
+        EXPECT_EQ(io->w[6 + k], w0[6 + k]);
+    }
+    for (int k = 0; k < 9; ++k) {
+        EXPECT_EQ(io->E[22 + k], 0.0f);
+        EXPECT_EQ(io->w[12 + k], 0.0f);
+    }
+    // A graph over other variables is refused and changes nothing.
+    Graph<unsigned short>* three = qztest::makeGraph<unsigned short>(3, {{0, 1}}).release();
+    vm.set(vm_t::GPT, (void*)three);
+    try {
+        vm.attachGraphToModel();
+        ADD_FAILURE() << "no error";
+    } catch (const std::logic_error& e) {
+        EXPECT_EQ(std::string(e.what()), "the graph has 3 vertices, but the model has 4 variables");
+    }
+    EXPECT_EQ(io->G, star);
+    EXPECT_EQ(io->dim, 21u);
     // Nothing to attach to without a model.
     vm.set(vm_t::MPT, (void*)nullptr);
     vm.attachGraphToModel();
     vm.set(vm_t::GPT, (void*)nullptr);
-    delete star;
+    delete three;
+    delete path;
+    Leftovers<unsigned short, float> rest(io);
     delete io;
 }
 
@@ -634,7 +673,7 @@ TEST(VmModel, FailedLoadLeavesTheRegistersAsTheyWere) {
     wreg(ctx, "GRA", 2);
     wreg(ctx, "REP", 0);
     wreg(ctx, "NXX", 5);
-    EXPECT_THROW(runLines(ctx, {"MFN " + quoted(badFn), "LDX MPT;"}), std::bad_array_new_length);
+    EXPECT_THROW(runLines(ctx, {"MFN " + quoted(badFn), "LDX MPT;"}), std::logic_error);
     EXPECT_EQ(reg(ctx, "MPT"), mpt);
     EXPECT_EQ(reg(ctx, "GPT"), gpt);
     EXPECT_EQ(reg(ctx, "LPT"), lpt);

@@ -9,9 +9,13 @@
 #include <QZ/QZMISC>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -53,34 +57,84 @@ void endProgress() {
     }
 }
 
-size_t lineOfContext() { return g_ctx ? ctx_read_reg(g_ctx, const_cast<char*>("LNN")) + 1 : 0; }
+// The program counter, read without allocating: this also runs inside the
+// signal handlers.
+size_t lineOfContext() { return g_ctx ? static_cast<const vm_t*>(g_ctx)->bits(vm_t::LNN) + 1 : 0; }
 
 // Says where the program stood and leaves with a failure instead of a core
 // dump. Runs inside a signal handler: the line is formatted on the stack,
 // written with one write() and the process ends with _exit, without unwinding.
 void fatal(const char* what) {
     endProgress();
-    char buf[160];
+    char buf[400];
     const int n = std::snprintf(buf, sizeof(buf), "error at line %zu: %s\n", lineOfContext(), what);
     if (n > 0) {
-        ssize_t w = write(2, buf, (size_t)n);
+        ssize_t w = write(2, buf, (size_t)n < sizeof(buf) ? (size_t)n : sizeof(buf) - 1);
         (void)w;
     }
     _exit(1);
 }
 
-// An internal check of the library failed, or a second interrupt came.
-extern "C" void onAbort(int) { fatal(__run ? "the library stopped on a failed internal check" : "interrupted"); }
+// Faults and failed checks may come from several threads at once (the
+// library's parallel loops): the first one reports and ends the process, any
+// other waits for that.
+std::atomic<int> g_failing{0};
+pid_t g_mainThread = 0;
 
-// A program can hand the library any number as a pointer (GPT 8, EDP 16, a
-// string popped into a pointer register); following it is reported like any
-// other failure of the program.
-extern "C" void onFault(int sig) {
-    fatal(sig == SIGFPE ? "arithmetic fault" : "invalid memory access (a pointer register holds no valid object)");
+void firstFailureOnly() {
+    if (g_failing.exchange(1) != 0)
+        for (;;) pause();
 }
 
-// The handlers run on their own stack, so that a fault from a stack overflow
-// is reported as well.
+const char* threadNote() { return (pid_t)syscall(SYS_gettid) == g_mainThread ? "" : " on a worker thread"; }
+
+// The pointer or string register whose object the address lies in, or null.
+const char* registerAt(uintptr_t addr) {
+    if (g_ctx == nullptr) return nullptr;
+    const vm_t* vm = static_cast<const vm_t*>(g_ctx);
+    for (const vm_t::VarRow& r : vm_t::registerTable()) {
+        if (r.kind != vm_t::POINTER && r.kind != vm_t::STRING) continue;
+        const uintptr_t p = (uintptr_t)vm->bits(r.var);
+        if (p > 1 && addr >= p && addr - p < 65536) return r.text;
+    }
+    return nullptr;
+}
+
+// An internal check of the library failed, or a second interrupt came.
+extern "C" void onAbort(int) {
+    firstFailureOnly();
+    char what[160];
+    std::snprintf(what, sizeof(what), "%s%s", __run ? "the library stopped on a failed internal check" : "interrupted",
+                  threadNote());
+    fatal(what);
+}
+
+// A program can hand the library any number as a pointer (GPT 8, EDP 16, a
+// string popped into a pointer register). When the faulting address lies in
+// what a pointer register names, that register is blamed; otherwise the
+// report says only what is known.
+extern "C" void onFault(int sig, siginfo_t* si, void*) {
+    firstFailureOnly();
+    char what[320];
+    const uintptr_t addr = (uintptr_t)si->si_addr;
+    const char* reg = sig == SIGFPE ? nullptr : registerAt(addr);
+    if (sig == SIGFPE)
+        std::snprintf(what, sizeof(what), "arithmetic fault%s", threadNote());
+    else if (reg != nullptr)
+        std::snprintf(what, sizeof(what), "invalid memory access at address %#lx%s: register %s holds no valid object",
+                      (unsigned long)addr, threadNote(), reg);
+    else
+        std::snprintf(what, sizeof(what),
+                      "invalid memory access at address %#lx%s (no pointer register names it: a defect of the "
+                      "library, or memory behind a pointer that is no longer valid)",
+                      (unsigned long)addr, threadNote());
+    fatal(what);
+}
+
+// The handlers run on their own stack on the main thread, so that a fault
+// from a stack overflow is reported as well. They stay installed: a fault on
+// a second thread while the first is reported must not end the process by
+// the default action.
 void installFaultHandlers() {
     static char altstack[1 << 16];
     stack_t ss;
@@ -90,10 +144,138 @@ void installFaultHandlers() {
     sigaltstack(&ss, nullptr);
     struct sigaction sa;
     std::memset(&sa, 0, sizeof(sa));
-    sa.sa_handler = onFault;
-    sa.sa_flags = SA_ONSTACK | SA_RESETHAND;
+    sa.sa_sigaction = onFault;
+    sa.sa_flags = SA_ONSTACK | SA_SIGINFO;
     sigemptyset(&sa.sa_mask);
     for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL}) sigaction(sig, &sa, nullptr);
+}
+
+// ---------------------------------------------------------------- table shape
+
+// Where a line loads a table (LDX DPT), or npos. Text behind the first ';'
+// is a comment.
+size_t tableLoadAt(const std::string& l) {
+    if (l.empty() || l[0] == '#') return std::string::npos;
+    const size_t semi = l.find(';');
+    for (size_t p = l.find("LDX"); p != std::string::npos && p < semi; p = l.find("LDX", p + 3)) {
+        size_t q = p + 3;
+        while (q < l.size() && (l[q] == ' ' || l[q] == '\t')) ++q;
+        if (l.compare(q, 4, "DPT;") == 0) return p;
+    }
+    return std::string::npos;
+}
+
+// The table reader takes every row to be as long as the first and stops on an
+// internal check otherwise. A text file that LDX DPT is about to read is
+// looked at first, as the reader will see it (a header, then one line that
+// is skipped, empty lines ignored), and a row of another length is reported
+// as the program's error. Empty means the shape is fine or not ours to judge
+// (host memory, a binary table, a missing file).
+std::string tableShapeError(void* ctx) {
+    if (ctx_read_reg(ctx, const_cast<char*>("EDP")) != 0) return "";
+    const std::string* dfn = reinterpret_cast<const std::string*>(ctx_read_reg(ctx, const_cast<char*>("DFN")));
+    if (dfn == nullptr) return "";
+    std::ifstream f(*dfn, std::ios::binary);
+    if (!f) return "";
+    char magic[8] = {0};
+    f.read(magic, 8);
+    if (f.gcount() == 8 && std::memcmp(magic, "qzbin$\0#", 8) == 0) return "";
+    f.clear();
+    f.seekg(0);
+    const bool header = (ctx_read_reg(ctx, const_cast<char*>("HED")) & 0xff) != 0;
+    std::string line;
+    size_t no = 0, expected = 0, first = 0;
+    if (header && std::getline(f, line)) ++no;
+    if (std::getline(f, line)) ++no;
+    while (std::getline(f, line)) {
+        ++no;
+        if (line.empty()) continue;
+        const size_t cells = (size_t)std::count(line.begin(), line.end(), ',') + 1;
+        if (first == 0) {
+            first = no;
+            expected = cells;
+        } else if (cells != expected) {
+            return "table " + *dfn + ": line " + std::to_string(no) + " has " + std::to_string(cells) +
+                   " cells, expected " + std::to_string(expected) + " (as line " + std::to_string(first) + ")";
+        }
+    }
+    return "";
+}
+
+// Whether text in front of LDX on a line holds more than assignments.
+bool holdsInstruction(const std::string& text) {
+    static const char* const mnemonics[] = {"ESTIMATE", "STATS", "MODEL", "INFER", "PREDICT", "SCORE", "SAMPLE",
+                                            "SET", "STGRAPH", "BOLTZMANNTREE", "JUNCTIONTREE", "BASEGRAPH",
+                                            "CLEARSTACK", "INITLATENT", "CLOSEDFORM", "INITGAUSS", "INITZERO", "INC",
+                                            "DEC", "STORE", "DEL", "BRA", "PUSH", "POP", "MOV", "ADD", "MUL", "BNZ",
+                                            "BLT", "BNE"};
+    for (const char* m : mnemonics)
+        if (text.find(m) != std::string::npos) return true;
+    return false;
+}
+
+void setProgram(void* ctx, const std::vector<std::string>& code) {
+    std::vector<char*> ptrs;
+    for (const std::string& l : code) ptrs.push_back(const_cast<char*>(l.c_str()));
+    ctx_set_code(ctx, ptrs.data(), ptrs.size());
+}
+
+// Runs the program from LNN as one run_ctx would, but stops before every line
+// that loads a table, so that its file is checked first (tableShapeError).
+// A stop is a line of the program replaced by an assignment of LNN far past
+// its end: the run ends there, and LNN tells which line comes next. All other
+// lines stay as they are, so line numbers, jumps and registers behave as in
+// one run. Exceptions of the program pass through. The result is "" or the
+// message of a table of the wrong shape, with *line its program line.
+std::string runProgram(void* ctx, const std::vector<std::string>& lines, size_t* line) {
+    std::vector<size_t> loadAt(lines.size());
+    bool loads = false;
+    for (size_t i = 0; i < lines.size(); ++i) {
+        loadAt[i] = tableLoadAt(lines[i]);
+        loads = loads || loadAt[i] != std::string::npos;
+    }
+    if (!loads) {
+        run_ctx(ctx);
+        return "";
+    }
+    const size_t STOP = (size_t)1 << 40;
+    const auto stop = [STOP](size_t j) { return "LNN " + std::to_string(STOP + j); };
+    // Runs code from line `from`; the line to go on with, or npos at the end.
+    const auto runFrom = [&](const std::vector<std::string>& code, size_t from) {
+        setProgram(ctx, code);
+        ctx_write_reg(ctx, const_cast<char*>("LNN"), from);
+        run_ctx(ctx);
+        const size_t l = ctx_read_reg(ctx, const_cast<char*>("LNN"));
+        return l > STOP && l - STOP - 1 < code.size() ? l - STOP - 1 : std::string::npos;
+    };
+    std::vector<std::string> withStops = lines;
+    for (size_t i = 0; i < lines.size(); ++i)
+        if (loadAt[i] != std::string::npos) withStops[i] = stop(i);
+    size_t next = ctx_read_reg(ctx, const_cast<char*>("LNN"));
+    while (next < lines.size()) {
+        if (loadAt[next] == std::string::npos) {
+            next = runFrom(withStops, next);
+            continue;
+        }
+        // The loading line alone, every other line a stop: first the
+        // assignments in front of LDX, which may name the file, then the
+        // check, then the whole line.
+        std::vector<std::string> alone(lines.size());
+        for (size_t j = 0; j < lines.size(); ++j) alone[j] = stop(j);
+        const std::string before = lines[next].substr(0, loadAt[next]);
+        if (before.find_first_not_of(" \t") != std::string::npos && !holdsInstruction(before)) {
+            alone[next] = before + " " + stop(next);
+            runFrom(alone, next);
+        }
+        const std::string bad = tableShapeError(ctx);
+        if (!bad.empty()) {
+            *line = next + 1;
+            return bad;
+        }
+        alone[next] = lines[next];
+        next = runFrom(alone, next);
+    }
+    return "";
 }
 
 bool parseBool(const std::string& v, bool& out) {
@@ -266,6 +448,7 @@ int main(int argc, char** argv) {
     }
 
     g_stderrTty = isatty(2) != 0;
+    g_mainThread = (pid_t)syscall(SYS_gettid);
     signal(SIGINT, ctrlchandler);
     signal(SIGABRT, onAbort);
     installFaultHandlers();
@@ -302,7 +485,13 @@ int main(int argc, char** argv) {
     ctx_write_reg(ctx, const_cast<char*>("CBP"), (size_t)&progress);
 
     try {
-        run_ctx(ctx);
+        size_t line = 0;
+        const std::string bad = runProgram(ctx, lines, &line);
+        if (!bad.empty()) {
+            endProgress();
+            std::cerr << "error at line " << line << ": " << bad << "\n";
+            return 1;
+        }
     } catch (const std::exception& e) {
         endProgress();
         std::cerr << "error at line " << lineOfContext() << ": " << e.what() << "\n";
