@@ -107,8 +107,10 @@ template <typename idx_t, typename val_t> AbstractMRF<idx_t, val_t>* vm_t::getMO
         const size_t rep = get(REP);
         if (rep == NONE) return new MRF<idx_t, val_t>(IA);
         if (rep == ISING) return new Ising<idx_t, val_t>(IA);
-        // Every other value, the two non-decay ones included, is a decay law.
-        engine_detail::notYet("STRF");
+        // Every other value, the two that name no decay included, reaches the
+        // spatio-temporal model; a value beyond the table has no law either,
+        // and gets the coefficients 0 of those two.
+        return new STRF<idx_t, val_t>(rep <= ISING ? (ReparamType)rep : INTEGERREP, IA);
     } else {
         // REP is not read: no reparametrisation exists for integer weights.
         return new IntegerMRF<idx_t>((idx_t)get(KXX), IA);
