@@ -14,6 +14,7 @@ namespace QZ {
     template class STGraph<T>;                                                                     \
     template class SetGraph<T>;                                                                    \
     template class JunctionTree<T>;                                                                \
+    template class DeepBoltzmannTree<T>;                                                           \
     template void MCS<T>(T*, const AbstractGraph<T>*&);                                            \
     template void MWST<T, T, true>(T*&, const AbstractGraph<T>*&, const T*);                        \
     template void adjFromCSV<T>(std::istream&, T*&, T&, T&, const char&);                          \

@@ -106,21 +106,23 @@ template <typename idx_t, typename val_t> AbstractMRF<idx_t, val_t>* vm_t::getMO
     if constexpr (std::is_floating_point<val_t>::value) {
         const size_t rep = get(REP);
         if (rep == NONE) return new MRF<idx_t, val_t>(IA);
-        if (rep == ISING) {
-            Ising<idx_t, val_t>* P = new Ising<idx_t, val_t>(IA);
-            // Its n + m parameters travel in the container's weights, which
-            // hold 4m: a graph of many vertices without edges has no room.
-            const IO<idx_t, val_t>* io = static_cast<const IO<idx_t, val_t>*>(getP(MPT));
-            if ((size_t)P->dim() > (size_t)io->dim) {
-                const size_t need = (size_t)P->dim(), have = (size_t)io->dim;
-                delete P;
-                throw std::logic_error("the Ising model needs " + std::to_string(need) + " parameters, more than the " +
-                                       std::to_string(have) + " weights of the model (too many vertices without edges)");
-            }
-            return P;
+        // ISING is the Ising model. Every other value, the two that name no
+        // decay included, reaches the spatio-temporal model; a value beyond
+        // the table has no law either, and gets the coefficients 0 of those two.
+        AbstractMRF<idx_t, val_t>* P = rep == ISING ? (AbstractMRF<idx_t, val_t>*)new Ising<idx_t, val_t>(IA)
+                                                    : new STRF<idx_t, val_t>(rep <= ISING ? (ReparamType)rep : INTEGERREP, IA);
+        // The point of a reparametrised model travels in the container's
+        // weights (copied in before, and back after, each instruction): one
+        // with more parameters than the container has weights (an Ising model
+        // of many vertices without edges, say) has no room there.
+        const IO<idx_t, val_t>* io = static_cast<const IO<idx_t, val_t>*>(getP(MPT));
+        if ((size_t)P->dim() > (size_t)io->dim) {
+            const size_t need = (size_t)P->dim(), have = (size_t)io->dim;
+            delete P;
+            throw std::logic_error("the model function needs " + std::to_string(need) + " parameters, more than the " +
+                                   std::to_string(have) + " weights of the model");
         }
-        // Every other value, the two non-decay ones included, is a decay law.
-        engine_detail::notYet("STRF");
+        return P;
     } else {
         // REP is not read: no reparametrisation exists for integer weights.
         return new IntegerMRF<idx_t>((idx_t)get(KXX), IA);

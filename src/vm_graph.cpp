@@ -79,9 +79,32 @@ struct LoadGraphF {
     template <typename idx_t, typename val_t> void operator()() { loadGraph0<idx_t, val_t>(vm); }
 };
 
+// A graph that a conversion derived from another is built on it, and nothing
+// else holds the graph below once the derived one goes: the two go together.
+// A graph that a derived graph still stands on is kept until the last such
+// one goes, so that neither a program that put it back into GPT nor a second
+// conversion of it leaves a graph on a dead one. A graph the host put into
+// GPT is released alone, whatever it is built on.
+template <typename idx_t> void releaseGraph(vm_t& vm, void* G) {
+    std::map<void*, void*>& derived = vm.derivedGraphs;
+    while (G != nullptr) {
+        for (const std::pair<void* const, void*>& d : derived)
+            if (d.second == G) return;
+        void* under = nullptr;
+        std::map<void*, void*>::iterator it = derived.find(G);
+        if (it != derived.end()) {
+            under = it->second;
+            derived.erase(it);
+        }
+        delete static_cast<AbstractGraph<idx_t>*>(G);
+        G = under;
+    }
+}
+
 struct FreeGraphF {
+    vm_t& vm;
     void* p;
-    template <typename idx_t> void operator()() { delete static_cast<AbstractGraph<idx_t>*>(p); }
+    template <typename idx_t> void operator()() { releaseGraph<idx_t>(vm, p); }
 };
 
 struct GraphCountF {
@@ -113,7 +136,7 @@ bool vm_t::freeGraph() {
             dropKeptGraph();
             keptGraph = p;
         } else {
-            FreeGraphF f{p};
+            FreeGraphF f{*this, p};
             if (!dispatchIdx(f)) throw std::logic_error("unsupported storage type");
         }
     }
@@ -123,7 +146,7 @@ bool vm_t::freeGraph() {
 
 void vm_t::dropKeptGraph() {
     if (keptGraph == nullptr) return;
-    FreeGraphF f{keptGraph};
+    FreeGraphF f{*this, keptGraph};
     dispatchIdx(f);
     keptGraph = nullptr;
 }

@@ -8,6 +8,8 @@
 
 #include <cmath>
 #include <limits>
+#include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <stdexcept>
@@ -132,13 +134,58 @@ template <typename idx_t> void initLatentRBM(vm_t& vm, CategoricalData* D, const
     delete[] selected;
 }
 
+// Every hidden unit of a deep Boltzmann tree takes the joint states of its
+// vertex set as they occur in the rows, numbered from 0 by first appearance,
+// and keeps just those states. The joint state itself is the key, so that the
+// states of a wide clique cannot run into each other through an overflowing
+// code.
+template <typename idx_t> void initLatentDBT(vm_t& vm, CategoricalData* D, const AbstractGraph<idx_t>* G) {
+    const DeepBoltzmannTree<idx_t>* T = dynamic_cast<const DeepBoltzmannTree<idx_t>*>(G);
+    if (T == nullptr) throw std::logic_error("INITLATENT with GRA DBT requires a deep Boltzmann tree");
+    const std::vector<size_t>* layers = vm.getLP(vm_t::LPT);
+    size_t columns_missing = 0;
+    if (layers != nullptr && !placeholder(layers))
+        for (size_t i = 1; i + 1 < layers->size(); ++i) columns_missing += layers->at(i);
+    const size_t units = (size_t)T->vertices();
+    if (D->columns() + columns_missing < units)
+        throw std::out_of_range("deep Boltzmann tree has more units than the table has columns");
+    // A column can have as many categories as there are rows.
+    D->addColumns(columns_missing, D->rows());
+
+    typedef std::map<std::vector<unsigned short>, size_t> codes_t;
+    const size_t N = D->rows();
+    std::vector<std::unique_ptr<codes_t>> localY(units);
+    std::vector<unsigned short> xc;
+    for (size_t C = (size_t)T->visibleUnits() + (size_t)T->outputUnits(); C < units; ++C) {
+        localY[C].reset(new codes_t());
+        const std::set<idx_t>* S = T->vertexObjects((idx_t)C);
+        for (size_t i = 0; i < N; ++i) {
+            xc.clear();
+            for (const idx_t& u : *S) xc.push_back((unsigned short)D->get(i, (size_t)u));
+            codes_t::const_iterator it = localY[C]->find(xc);
+            size_t xc_mapped;
+            if (it == localY[C]->end()) {
+                xc_mapped = localY[C]->size();
+                if (xc_mapped >= (size_t)CategoricalData::MIS_VAL)
+                    throw std::out_of_range("a hidden unit has more states than a table cell can hold");
+                localY[C]->emplace(xc, xc_mapped);
+                assert(localY[C]->size()<=D->rows());
+            } else {
+                xc_mapped = it->second;
+            }
+            D->set((unsigned short)xc_mapped, i, C, false);
+        }
+        D->trimCategories(C, localY[C]->size());
+    }
+}
+
 template <typename idx_t, typename val_t> void initLatent0(vm_t& vm) {
     CategoricalData* D = static_cast<CategoricalData*>(vm.getP(vm_t::DPT));
     const AbstractGraph<idx_t>* G = static_cast<const AbstractGraph<idx_t>*>(vm.getP(vm_t::GPT));
     if (D == nullptr || placeholder(D) || placeholder(G)) return;
     switch (vm.get(vm_t::GRA)) {
     case vm_t::RBM: initLatentRBM<idx_t>(vm, D, G); break;
-    case vm_t::DBT: throw std::logic_error("INITLATENT with GRA DBT is not available yet");
+    case vm_t::DBT: initLatentDBT<idx_t>(vm, D, G); break;
     default: break;  // other graphs have no latent columns to fill
     }
 }

@@ -24,9 +24,6 @@ namespace struct_detail {
 inline void checkSearch(const vm_t& vm, const size_t& n) {
     const size_t gra = vm.get(vm_t::GRA);
     const size_t k = vm.get(vm_t::KXX);
-    // Chow-Liu needs the maximum spanning tree of the junction tree code,
-    // which this build does not have yet.
-    if (gra == vm_t::CHOWLIU) throw std::logic_error("MODEL with GRA CHOWLIU is not available yet");
     if (gra == vm_t::CLIQUES && k < 2) throw std::out_of_range("CLIQUES requires KXX of at least 2");
     if (gra == vm_t::RNDCLIQUES && (k < 2 || k > n))
         throw std::out_of_range("RNDCLIQUES requires KXX between 2 and the number of vertices");
@@ -62,6 +59,7 @@ template <typename idx_t, typename val_t> double searchStructure(vm_t& vm, IO<id
     switch ((size_t)io->gtype) {
     case vm_t::CLIQUES: return (double)io->buildCliques(pel, k, cbp, g);
     case vm_t::RNDCLIQUES: return (double)io->buildCliquesRnd(pel, k, cbp, g, *vm.random_engine);
+    case vm_t::CHOWLIU: io->buildChowLiu(cbp); return -1.0;
     case vm_t::ELEMGM: io->buildElemGM(pel, cbp); return -1.0;
     default: return -1.0;
     }

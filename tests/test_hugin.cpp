@@ -10,6 +10,8 @@
 #include <QZ/QZBP>
 #include <QZ/QZGRAPH>
 
+#include <omp.h>
+
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -431,7 +433,8 @@ TEST(Hugin, LargeWeightsDoNotOverflow) {
 
 TEST(Hugin, LongChainsNeedNoDeepStack) {
     // 200,000 vertices: one clique per edge; propagation runs without
-    // recursion and stays exact for a chain, whose log Z is a matrix product.
+    // recursion and stays exact for a chain, whose log Z follows from a
+    // forward recursion in the log domain.
     const size_t n = 200000;
     EdgeList el;
     for (size_t v = 0; v + 1 < n; ++v) el.push_back({v, v + 1});
@@ -443,21 +446,104 @@ TEST(Hugin, LongChainsNeedNoDeepStack) {
     std::mt19937 rng(1);
     QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
     H.infer(0);
-    // Forward recursion in the log domain.
     auto lse = [](double x, double y) {
         const double m = std::max(x, y);
         return m + std::log(std::exp(x - m) + std::exp(y - m));
     };
     double a0 = 0, a1 = 0;
     for (size_t e = 0; e + 1 < n; ++e) {
-        const double* b = w.data() + 4 * e;
-        const double n0 = lse(a0 + b[0], a1 + b[2]);
-        const double n1 = lse(a0 + b[1], a1 + b[3]);
+        const double* q = w.data() + 4 * e;
+        const double n0 = lse(a0 + q[0], a1 + q[2]);
+        const double n1 = lse(a0 + q[1], a1 + q[3]);
         a0 = n0;
         a1 = n1;
     }
     const double logZ = lse(a0, a1);
     EXPECT_NEAR(H.A(), logZ, 1e-9 * std::fabs(logZ));
+}
+
+TEST(Hugin, BranchesOnTwoThreadsGiveExactMarginals) {
+    // 5,000 vertices of 8 states in a chain: tables of 64 entries, enough in
+    // all for the root to sit in the middle and its two branches to go to
+    // two threads. Marginals from forward and backward recursions.
+    const size_t n = 5000, K = 8;
+    EdgeList el;
+    for (size_t v = 0; v + 1 < n; ++v) el.push_back({v, v + 1});
+    auto G = makeGraph<unsigned>(n, el);
+    std::vector<unsigned> Y(n, (unsigned)K);
+    std::vector<double> w(K * K * (n - 1));
+    std::mt19937 g(4);
+    for (double& x : w) x = std::uniform_real_distribution<double>(-1, 1)(g);
+    std::mt19937 rng(1);
+    QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
+    H.infer(0);
+    // f[v*K+x]: log of the sum over the vertices before v, v in state x; b:
+    // the same over the vertices after v.
+    std::vector<double> f(n * K, 0.0), b(n * K, 0.0);
+    auto lse = [](const std::vector<double>& t) {
+        double m = -INFINITY;
+        for (double x : t) m = std::max(m, x);
+        double r = 0;
+        for (double x : t) r += std::exp(x - m);
+        return m + std::log(r);
+    };
+    std::vector<double> t(K);
+    for (size_t e = 0; e + 1 < n; ++e)
+        for (size_t y = 0; y < K; ++y) {
+            for (size_t x = 0; x < K; ++x) t[x] = f[e * K + x] + w[e * K * K + x * K + y];
+            f[(e + 1) * K + y] = lse(t);
+        }
+    for (size_t e = n - 1; e-- > 0;)
+        for (size_t x = 0; x < K; ++x) {
+            for (size_t y = 0; y < K; ++y) t[y] = b[(e + 1) * K + y] + w[e * K * K + x * K + y];
+            b[e * K + x] = lse(t);
+        }
+    for (size_t x = 0; x < K; ++x) t[x] = f[(n - 1) * K + x];
+    const double logZ = lse(t);
+    EXPECT_NEAR(H.A(), logZ, 1e-9 * std::fabs(logZ));
+    for (size_t v = 0; v < n; v += 97)
+        for (size_t x = 0; x < K; x += 3) {
+            double q, Z;
+            H.vertex_marginal((unsigned)v, (unsigned)x, q, Z);
+            EXPECT_NEAR(q, std::exp(f[v * K + x] + b[v * K + x] - logZ), 1e-9) << v;
+        }
+    for (size_t e = 3; e + 1 < n; e += 211) {
+        double p, Z;
+        H.edge_marginal((unsigned)e, 2, 5, p, Z);
+        EXPECT_NEAR(p, std::exp(f[e * K + 2] + w[e * K * K + 2 * K + 5] + b[(e + 1) * K + 5] - logZ), 1e-9) << e;
+    }
+}
+
+TEST(Hugin, OneThreadAndTwoGiveTheSameBits) {
+    // The 14 x 14 reference grid splits its tree into two branches; the
+    // order of the work does not depend on the thread count.
+    const qztest::RefGrid R = qztest::refGrid(14, 2);
+    auto G = makeGraph<unsigned>(196, R.edges);
+    std::vector<unsigned> Y(196, 2);
+    std::vector<double> w = R.w;
+    std::mt19937 rng(1);
+    std::vector<std::vector<double>> out;
+    const int saved = omp_get_max_threads();
+    for (int threads : {1, 2}) {
+        omp_set_num_threads(threads);
+        QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
+        H.infer(0);
+        std::vector<double> r{H.A()};
+        for (unsigned v = 0; v < 196; ++v) {
+            double q, Z;
+            H.vertex_marginal(v, 0, q, Z);
+            r.push_back(q);
+        }
+        for (unsigned e = 0; e < G->edges(); ++e) {
+            double p, Z;
+            H.edge_marginal(e, 1, 1, p, Z);
+            r.push_back(p);
+        }
+        out.push_back(r);
+    }
+    omp_set_num_threads(saved);
+    EXPECT_EQ(out[0], out[1]);
+    EXPECT_NEAR(out[0][0], 172.289871424397, 1e-9 * 172.3);
 }
 
 TEST(Hugin, NarrowIndexRefusesTablesItCannotNumber) {

@@ -2,6 +2,7 @@
 // of largest overlap, separators between cliques, and the properties every
 // junction tree must have, checked on random graphs by independent code.
 #include <gtest/gtest.h>
+#include <qz_live_count.h>
 #include <qz_graph_util.h>
 
 #include <QZ/QZBP>
@@ -19,24 +20,6 @@
 #include <utility>
 #include <vector>
 
-// Live allocations through the global operators, to see that a tree gives
-// back everything it took.
-static long long g_live = 0;
-void* operator new(size_t n) {
-    void* p = std::malloc(n ? n : 1);
-    if (!p) throw std::bad_alloc();
-    __atomic_add_fetch(&g_live, 1, __ATOMIC_RELAXED);
-    return p;
-}
-void* operator new[](size_t n) { return operator new(n); }
-void operator delete(void* p) noexcept {
-    if (!p) return;
-    __atomic_sub_fetch(&g_live, 1, __ATOMIC_RELAXED);
-    std::free(p);
-}
-void operator delete[](void* p) noexcept { operator delete(p); }
-void operator delete(void* p, size_t) noexcept { operator delete(p); }
-void operator delete[](void* p, size_t) noexcept { operator delete(p); }
 
 namespace {
 
@@ -491,12 +474,12 @@ TEST(JunctionTree, GivesBackEverythingItTook) {
     GTEST_SKIP() << "the address sanitizer's allocator stands in for the counting operator new";
 #endif
     auto G = randomGraph<unsigned>(14, 0.3, 9);
-    const long long before = __atomic_load_n(&g_live, __ATOMIC_RELAXED);
+    const long long before = qztest::liveBlocks();
     {
         QZ::JunctionTree<unsigned> J(*G);
-        EXPECT_GT(__atomic_load_n(&g_live, __ATOMIC_RELAXED), before);
+        EXPECT_GT(qztest::liveBlocks(), before);
     }
-    EXPECT_EQ(__atomic_load_n(&g_live, __ATOMIC_RELAXED), before);
+    EXPECT_EQ(qztest::liveBlocks(), before);
 }
 
 TEST(JunctionTree, ExactEngineGivesBackEverythingItTook) {
@@ -509,13 +492,13 @@ TEST(JunctionTree, ExactEngineGivesBackEverythingItTook) {
     std::vector<unsigned> Y(10, 2);
     std::vector<double> w(4 * G->edges(), 0.25);
     std::mt19937 rng(1);
-    const long long before = __atomic_load_n(&g_live, __ATOMIC_RELAXED);
+    const long long before = qztest::liveBlocks();
     {
         QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
         H.infer(0);
         EXPECT_NE(H.messages(), nullptr);
     }
-    EXPECT_EQ(__atomic_load_n(&g_live, __ATOMIC_RELAXED), before);
+    EXPECT_EQ(qztest::liveBlocks(), before);
 }
 
 TEST(JunctionTree, NarrowIndexRefusesTooManyNodes) {

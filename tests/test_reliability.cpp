@@ -488,6 +488,21 @@ TEST(Reliability, CliqueSearchTooLargeForItsIndexTypeIsReported) {
               "too many statistics for idx_t of 8 bits");
 }
 
+TEST(Reliability, IsingModelWithoutRoomInTheWeightsIsRefused) {
+    // One binary column: one vertex, no edge. Its field has no place among
+    // the model's 0 weights, which the instructions copy it from and to.
+    const std::string f = csvFile("rel_ising1", "a\nd\nx\ny\nx\n");
+    Ctx c;
+    EXPECT_EQ(failureOf(c, {"DFN " + quoted(f), "LDX DPT;", "GRA CHAIN", "LDX GPT;", "MODEL;", "REP ISING", "INFER;"}),
+              "the model function needs 1 parameters, more than the 0 weights of the model");
+    // Two binary columns have room: 4 weights for 2 fields and 1 coupling.
+    const std::string g = csvFile("rel_ising2", "a,b\nd,d\nx,p\ny,q\nx,q\n");
+    Ctx d;
+    EXPECT_EQ(failureOf(d, {"DFN " + quoted(g), "LDX DPT;", "GRA CHAIN", "LDX GPT;", "MODEL;", "REP ISING", "INFER;",
+                            "SCORE;", "SAMPLE;"}),
+              "");
+}
+
 // ------------------------------------------------------------ failed writes
 
 TEST(Reliability, StoresIntoAMissingFolderAreReported) {

@@ -173,6 +173,46 @@ Rows noisyCopies(size_t n, size_t N, double flip, unsigned seed) {
     return rows;
 }
 
+// Total mutual information of the edges.
+double treeInformation(const Table& T, const EdgeList& E) {
+    double I = 0;
+    for (const auto& e : E) I += T.MI(e.first, e.second);
+    return I;
+}
+
+// The spanning tree of largest total information, found by trying every
+// parent array with vertex 0 as the root: those that lead to 0 from
+// everywhere are exactly the spanning trees. The edges have the smaller
+// vertex first, in ascending order.
+EdgeList bestSpanningTree(const Table& T) {
+    const size_t n = T.columns();
+    size_t codes = 1;
+    for (size_t v = 1; v < n; ++v) codes *= n;
+    double best = -1;
+    EdgeList bestTree;
+    for (size_t code = 0; code < codes; ++code) {
+        std::vector<size_t> parent(n, 0);
+        size_t c = code;
+        for (size_t v = 1; v < n; ++v, c /= n) parent[v] = c % n;
+        bool tree = true;
+        for (size_t v = 1; v < n && tree; ++v) {
+            size_t u = v, steps = 0;
+            while (u != 0 && steps++ <= n) u = parent[u];
+            tree = u == 0;
+        }
+        if (!tree) continue;
+        EdgeList E;
+        for (size_t v = 1; v < n; ++v) E.push_back({std::min(v, parent[v]), std::max(v, parent[v])});
+        const double total = treeInformation(T, E);
+        if (total > best + 1e-12) {
+            best = total;
+            std::sort(E.begin(), E.end());
+            bestTree = E;
+        }
+    }
+    return bestTree;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- helpers
@@ -408,38 +448,11 @@ TEST(Cliques, PairsOnBalancedColumnsGiveTheMaximumSpanningTree) {
     Table T(std::vector<size_t>(n, 2), rows);
     for (size_t v = 0; v < n; ++v) ASSERT_EQ(T.counts(v)[0], 60.0);
 
-    // Brute force over the 5^4 choices of a parent for vertices 1..4 (a
-    // parent array that reaches vertex 0 from everywhere is a spanning tree).
-    double best = -1;
-    std::set<std::pair<size_t, size_t>> bestTree;
-    for (size_t code = 0; code < 625; ++code) {
-        std::vector<size_t> parent(n, 0);
-        size_t c = code;
-        for (size_t v = 1; v < n; ++v, c /= 5) parent[v] = c % 5;
-        bool ok = true;
-        for (size_t v = 1; v < n && ok; ++v) {
-            size_t u = v, steps = 0;
-            while (u != 0 && steps++ <= n) u = parent[u];
-            ok = u == 0;
-        }
-        if (!ok) continue;
-        double total = 0;
-        std::set<std::pair<size_t, size_t>> tree;
-        for (size_t v = 1; v < n; ++v) {
-            total += T.MI(v, parent[v]);
-            tree.insert({std::min(v, parent[v]), std::max(v, parent[v])});
-        }
-        if (total > best + 1e-12) {
-            best = total;
-            bestTree = tree;
-        }
-    }
-
     Model<unsigned long, double> M(T, new Chain<unsigned long>(n), 2);
     M.io.buildCliques(0.0, 2, nullptr, M.g);
-    const EdgeList got = M.edges();
-    const std::set<std::pair<size_t, size_t>> gotTree(got.begin(), got.end());
-    EXPECT_EQ(gotTree, bestTree);
+    EdgeList got = M.edges();
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, bestSpanningTree(T));
     M.expectConsistent(T);
 }
 
@@ -593,5 +606,96 @@ TEST(CliquesRndDeathTest, InformationAboveTheBound) {
         return r;
     };
     std::mt19937 rng(1);
-    EXPECT_DEATH(M.io.buildCliquesRnd(0.0, 2, nullptr, g, rng), "src/include/QZ/QZSTRUCT:[0-9]+: .*Assertion `Imax < upper' failed");
+    EXPECT_DEATH(M.io.buildCliquesRnd(0.0, 2, nullptr, g, rng),
+                 "src/include/QZ/QZSTRUCT:[0-9]+: .*Assertion `Imax < upper' failed");
+}
+
+// ---------------------------------------------------------------- Chow-Liu
+
+namespace {
+
+// Rows drawn from a tree: each column copies its parent's state (modulo its
+// own state count) or, with probability noise, draws a fresh state.
+Rows treeRows(const std::vector<size_t>& Y, const std::vector<size_t>& parent, size_t N, double noise, unsigned seed) {
+    std::mt19937 rng(seed);
+    std::bernoulli_distribution fresh(noise);
+    Rows rows;
+    for (size_t i = 0; i < N; ++i) {
+        std::vector<int> r(Y.size());
+        r[0] = (int)(rng() % Y[0]);
+        for (size_t c = 1; c < Y.size(); ++c)
+            r[c] = fresh(rng) ? (int)(rng() % Y[c]) : r[parent[c]] % (int)Y[c];
+        rows.push_back(r);
+    }
+    return rows;
+}
+
+}  // namespace
+
+TEST(ChowLiu, TwoVariablesKeepTheirEdgeAndCounts) {
+    Table T({2, 3}, {{0, 0}, {1, 2}, {1, 1}, {0, 0}, {1, 2}});
+    Model<unsigned long, double> M(T);
+    const std::vector<double> before = M.edgeCounts(0);
+    M.io.buildChowLiu(nullptr);
+    EXPECT_EQ(M.edges(), (EdgeList{{0, 1}}));
+    EXPECT_EQ(M.edgeCounts(0), before);
+    EXPECT_EQ(M.io.gtype, 6u);
+    M.expectConsistent(T);
+}
+
+TEST(ChowLiu, TreeOverEveryVertex) {
+    for (size_t n : {3, 5, 9}) {
+        Table T(std::vector<size_t>(n, 3), treeRows(std::vector<size_t>(n, 3), std::vector<size_t>(n, 0), 50, 0.7, 3));
+        Model<unsigned int, float> M(T);
+        reports.clear();
+        M.io.buildChowLiu(record);
+        EXPECT_EQ(M.io.G->edges(), n - 1);
+        EXPECT_TRUE(connected(n, M.edges()));
+        M.expectConsistent(T);
+        const size_t m = n * (n - 1) / 2;
+        ASSERT_EQ(reports.size(), m);
+        for (size_t e = 0; e < m; ++e) {
+            EXPECT_EQ(reports[e].label, "CL   ");
+            EXPECT_EQ(reports[e].done, e + 1);
+            EXPECT_EQ(reports[e].total, m);
+        }
+    }
+}
+
+TEST(ChowLiu, RecoversTheTreeThatDrewTheTable) {
+    const std::vector<size_t> Y = {3, 2, 4, 3, 2, 3, 4, 2, 3, 3, 2};
+    const std::vector<size_t> parent = {0, 0, 0, 1, 2, 2, 3, 0, 5, 8, 4};
+    Table T(Y, treeRows(Y, parent, 4000, 0.3, 12));
+    EdgeList want;
+    for (size_t c = 1; c < Y.size(); ++c) want.push_back({std::min(c, parent[c]), std::max(c, parent[c])});
+    std::sort(want.begin(), want.end());
+
+    Model<unsigned long, double> M(T);
+    M.io.buildChowLiu(nullptr);
+    EdgeList got = M.edges();
+    std::sort(got.begin(), got.end());
+    EXPECT_EQ(got, want);
+    M.expectConsistent(T);
+}
+
+TEST(ChowLiu, InformationOfTheBestSpanningTree) {
+    std::mt19937 rng(99);
+    for (size_t trial = 0; trial < 12; ++trial) {
+        const size_t n = 2 + trial % 5;
+        std::vector<size_t> Y(n);
+        for (size_t& y : Y) y = 2 + rng() % 3;
+        Rows rows;
+        for (size_t i = 0; i < 40; ++i) {
+            std::vector<int> r(n);
+            for (size_t c = 0; c < n; ++c)
+                r[c] = c > 0 && rng() % 3 != 0 ? r[rng() % c] % (int)Y[c] : (int)(rng() % Y[c]);
+            rows.push_back(r);
+        }
+        Table T(Y, rows);
+        Model<unsigned long, double> M(T);
+        M.io.buildChowLiu(nullptr);
+        ASSERT_EQ(M.io.G->edges(), n - 1);
+        EXPECT_NEAR(treeInformation(T, M.edges()), treeInformation(T, bestSpanningTree(T)), 1e-12)
+            << "trial " << trial;
+    }
 }

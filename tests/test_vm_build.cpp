@@ -157,14 +157,6 @@ TEST(Model, PairWithoutInstantiationDoesNothing) {
     EXPECT_EQ(reg(c, "MPT"), 0u);
 }
 
-TEST(Model, StructureSearchKindsAreNotAvailableYet) {
-    Ctx c;
-    EXPECT_EQ(failureOf(c, {"DFN '" + tableFile("search") + "'", "LDX DPT;", "GRA CHOWLIU;", "LDX GPT;", "MODEL;"}),
-              "MODEL with GRA CHOWLIU is not available yet");
-    // Nothing was built.
-    EXPECT_EQ(reg(c, "MPT"), 0u);
-}
-
 TEST(Stats, RecountsFromTheLoadedTable) {
     Ctx c;
     ASSERT_TRUE(runLines(c, {"DFN '" + tableFile("first") + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;"}));

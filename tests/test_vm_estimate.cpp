@@ -283,13 +283,13 @@ TEST(EngineBuild, ExternalEngineWithMultiplePrecisionValuesIsIncompatible) {
     EXPECT_EQ(extInfCalls, 0);
 }
 
-TEST(EngineBuild, DecayLawsNeedTheSpatioTemporalModel) {
+TEST(EngineBuild, DecayLawsNeedASpatioTemporalGraph) {
     for (const char* rep : {"STLINEAR", "10", "11"}) {
         Ctx c;
         ASSERT_TRUE(runLines(c, chainModel(std::string("strf") + rep)));
         EXPECT_EQ(failure<std::logic_error>(c, {std::string("REP ") + rep + (rep[0] == 'S' ? ";" : ""), "ALG GD;",
                                                "ESTIMATE;"}),
-                  "STRF is not available yet")
+                  "spatio-temporal model requires a spatio-temporal graph")
             << rep;
     }
 }

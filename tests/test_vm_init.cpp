@@ -2,6 +2,7 @@
 // weights of the container and the latent columns of the table.
 #include <gtest/gtest.h>
 #include <qz_graph_util.h>
+#include <qz_table_util.h>
 #include <qz_test_util.h>
 
 #include <QZ/QZMISC>
@@ -62,13 +63,6 @@ unsigned long nextDraw(Ctx& c) { return (*static_cast<QZ::vm_t*>(c.p)->random_en
 std::vector<double> weights(void* c) {
     const IOd* io = model(c);
     return std::vector<double>(io->w, io->w + io->dim);
-}
-
-// Every cell of every row of one column.
-std::vector<unsigned short> column(const QZ::CategoricalData* D, size_t col) {
-    std::vector<unsigned short> r;
-    for (size_t i = 0; i < D->rows(); ++i) r.push_back(D->get(i, col));
-    return r;
 }
 
 }  // namespace
@@ -258,10 +252,10 @@ TEST(InitLatent, ChainDoesNothingEvenWithoutTheLatentColumns) {
     EXPECT_EQ(column(table(c), 1), before);
 }
 
-TEST(InitLatent, DeepBoltzmannTreeIsNotAvailableYet) {
+TEST(InitLatent, DeepBoltzmannTreeBranchNeedsADeepBoltzmannTree) {
     Ctx c;
     ASSERT_TRUE(runLines(c, {"DFN '" + tableFile("lat_dbt", kTree) + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;"}));
-    EXPECT_EQ(failureOf(c, {"GRA DBT;", "INITLATENT;"}), "INITLATENT with GRA DBT is not available yet");
+    EXPECT_EQ(failureOf(c, {"GRA DBT;", "INITLATENT;"}), "INITLATENT with GRA DBT requires a deep Boltzmann tree");
     EXPECT_EQ(table(c)->columns(), 3u);
 }
 

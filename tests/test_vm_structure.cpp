@@ -11,7 +11,9 @@
 #include <QZ/QZIO>
 
 #include <cmath>
+#include <cstdio>
 #include <functional>
+#include <map>
 #include <random>
 #include <set>
 #include <sstream>
@@ -185,8 +187,8 @@ TEST(ModelSearch, RandomCliquesNeedASizeTheTableCanFill) {
 TEST(ModelSearch, LearnedGraphIsFittedAndQueried) {
     Ctx c;
     ASSERT_TRUE(runLines(c, loadVote("ELEMGM") + std::vector<std::string>{"PEL 0.2", "MODEL;", "ALG GD;", "STP 0.5",
-                                                                         "MIO 30", "MIL 20", "ESTIMATE;", "MOV GP0 RES;",
-                                                                         "INFER;"}));
+                                                                         "MIO 30", "MIL 20", "ESTIMATE;",
+                                                                         "MOV GP0 RES;", "INFER;"}));
     const double nll = regR(c, "GP0");
     // Below the independence model's (no weights) value of 17 log 2.
     EXPECT_TRUE(std::isfinite(nll));
@@ -211,4 +213,198 @@ TEST(ModelSearch, OtherInstantiations) {
     ASSERT_NE(iu, nullptr);
     EXPECT_EQ(iu->G->edges(), 0u);
     EXPECT_EQ(iu->gtype, 7u);
+}
+
+TEST(ModelSearch, ChowLiuReplacesTheCompleteGraphAndLeavesNoScore) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, loadVote("CHOWLIU")));
+    EXPECT_EQ(reg(c, "GEX"), 136u);
+    wregR(c, "RES", 5.0);
+    wreg(c, "CBP", (size_t)&recordLabel);
+    seen.clear();
+    ASSERT_TRUE(runLines(c, {"MODEL;"}));
+    const IOd* io = model(c);
+    expectInLine(c, io);
+    EXPECT_EQ(io->gtype, 6u);
+    EXPECT_EQ(reg(c, "GEX"), 16u);
+    EXPECT_TRUE(connected(17, edgeList(*io->G)));
+    EXPECT_EQ(regR(c, "RES"), -1.0);
+    EXPECT_EQ(seen, (std::vector<std::string>{"CL   "}));
+}
+
+namespace {
+
+// Entropy of the joint states of some columns of the table, in nats.
+double entropyOf(const QZ::CategoricalData& D, const std::vector<size_t>& cols) {
+    std::map<std::vector<size_t>, double> count;
+    for (size_t r = 0; r < D.size(); ++r) {
+        std::vector<size_t> key;
+        for (size_t c : cols) key.push_back(D.get(r, c));
+        count[key] += 1;
+    }
+    double h = 0;
+    for (const auto& kv : count) h -= kv.second / D.size() * std::log(kv.second / D.size());
+    return h;
+}
+
+// Mutual information of two columns.
+double infoOf(const QZ::CategoricalData& D, size_t a, size_t b) {
+    return entropyOf(D, {a}) + entropyOf(D, {b}) - entropyOf(D, {a, b});
+}
+
+// The largest total mutual information of a spanning tree over the first n
+// columns, by Prim's algorithm over all pairs.
+double bestTreeInformation(const QZ::CategoricalData& D, size_t n) {
+    std::vector<bool> in(n, false);
+    std::vector<double> best(n, -1);
+    in[0] = true;
+    for (size_t v = 1; v < n; ++v) best[v] = infoOf(D, 0, v);
+    double total = 0;
+    for (size_t step = 1; step < n; ++step) {
+        size_t u = 0;
+        for (size_t v = 0; v < n; ++v)
+            if (!in[v] && (u == 0 || best[v] > best[u])) u = v;
+        in[u] = true;
+        total += best[u];
+        for (size_t v = 0; v < n; ++v)
+            if (!in[v]) best[v] = std::max(best[v], infoOf(D, u, v));
+    }
+    return total;
+}
+
+double sumOfEntropies(const QZ::CategoricalData& D, size_t n) {
+    double h = 0;
+    for (size_t v = 0; v < n; ++v) h += entropyOf(D, {v});
+    return h;
+}
+
+}  // namespace
+
+// A tree reproduces the table's pairwise frequencies on its edges at the
+// optimum, where the average negative log-likelihood is the sum of the column
+// entropies less the informations of the tree's edges.
+TEST(ModelSearch, ChowLiuTreeFittedExactlyReachesTheTreeLikelihood) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, loadVote("CHOWLIU") + std::vector<std::string>{"MODEL;", "ALG JT;", "ALG FL1;", "STP 2",
+                                                                          "MIO 1000", "EPO 0", "ESTIMATE;"}));
+    const double nll = regR(c, "RES");
+    // The table now holds the drawn votes in place of the unknown ones.
+    const QZ::CategoricalData& D = *reinterpret_cast<const QZ::CategoricalData*>(reg(c, "DPT"));
+    const size_t n = 17;
+    double treeI = 0;
+    for (const auto& e : edgeList(*model(c)->G)) treeI += infoOf(D, e.first, e.second);
+    // The learned tree is a maximum spanning tree.
+    const double primI = bestTreeInformation(D, n);
+    EXPECT_NEAR(treeI, primI, 1e-12);
+    EXPECT_NEAR(nll, sumOfEntropies(D, n) - treeI, 1e-6);
+}
+
+// The main example's model: the ELEMGM graph of the voting table fitted with
+// the junction tree. Its objective is the exact average negative
+// log-likelihood, here summed over all 2^17 joint states by brute force, and
+// it lies below that of the Chow-Liu tree of the same table.
+TEST(ModelSearch, VotingExampleFitsBelowTheTreeExactly) {
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"SEED 1984", "DFN '" + kVote + "'", "LDX DPT;", "GRA ELEMGM;", "PEL 0.6", "LDX GPT;",
+                             "MODEL;", "ALG JT;", "ALG FL1;", "STP 1", "MIO 500", "ESTIMATE;"}));
+    const double nll = regR(c, "RES");
+    const IOd* io = model(c);
+    const QZ::CategoricalData& D = *reinterpret_cast<const QZ::CategoricalData*>(reg(c, "DPT"));
+    const size_t n = 17, m = io->G->edges();
+    ASSERT_GT(m, 16u);
+    std::vector<size_t> S(m), T(m), off(m);
+    for (size_t e = 0; e < m; ++e) {
+        unsigned long s, t;
+        io->G->edge(e, s, t);
+        S[e] = s;
+        T[e] = t;
+        off[e] = e == 0 ? 0 : off[e - 1] + 4;
+    }
+    auto energy = [&](const std::vector<size_t>& x) {
+        double u = 0;
+        for (size_t e = 0; e < m; ++e) u += io->w[off[e] + 2 * x[S[e]] + x[T[e]]];
+        return u;
+    };
+    std::vector<size_t> x(n);
+    double top = -1e300;
+    std::vector<double> u(1u << n);
+    for (size_t code = 0; code < u.size(); ++code) {
+        for (size_t v = 0; v < n; ++v) x[v] = code >> v & 1;
+        u[code] = energy(x);
+        top = std::max(top, u[code]);
+    }
+    double z = 0;
+    for (double e : u) z += std::exp(e - top);
+    const double logZ = top + std::log(z);
+    double mean = 0;
+    for (size_t r = 0; r < D.size(); ++r) {
+        for (size_t v = 0; v < n; ++v) x[v] = D.get(r, v);
+        mean += energy(x) / D.size();
+    }
+    EXPECT_NEAR(nll, logZ - mean, 1e-9);
+
+    // The Chow-Liu tree of the same table, from its entropies.
+    EXPECT_LT(nll, sumOfEntropies(D, n) - bestTreeInformation(D, n) - 0.2);
+}
+
+namespace {
+
+// Runs an example program from the repository root and returns the printed
+// registers by name.
+std::map<std::string, double> runExample(const std::string& args) {
+    const std::string cmd = "cd " + std::string(QZ_SOURCE_DIR) + " && " + QZ_QZRUN + " " + args + " 2>&1";
+    FILE* f = popen(cmd.c_str(), "r");
+    std::map<std::string, double> regs;
+    if (f == nullptr) return regs;
+    char buf[256];
+    while (fgets(buf, sizeof buf, f) != nullptr) {
+        const std::string line(buf);
+        const size_t eq = line.find('=');
+        if (eq != std::string::npos) regs[line.substr(0, eq)] = std::stod(line.substr(eq + 1));
+    }
+    EXPECT_EQ(pclose(f), 0) << args;
+    return regs;
+}
+
+}  // namespace
+
+TEST(ModelSearch, StructureExampleComparesTreeElemGMAndCompleteGraph) {
+    std::map<std::string, double> r =
+        runExample("examples/structure.qz -p GP0 -p GP1 -p GP2 -p GP3 -p GP4 -p GP5");
+    EXPECT_EQ(r["GP0"], 136);
+    EXPECT_EQ(r["GP2"], 16);
+    EXPECT_EQ(r["GP4"], 82);
+    // More edges fit better: complete graph, then ELEMGM, then the tree.
+    EXPECT_LT(r["GP1"], r["GP5"]);
+    EXPECT_LT(r["GP5"], r["GP3"]);
+    EXPECT_GT(r["GP1"], 7.0);
+
+    // The main example fits the same ELEMGM graph.
+    std::map<std::string, double> v = runExample("examples/vote.qz -p GEX -p DIM -p GP0 -p LNZ");
+    EXPECT_EQ(v["GEX"], 82);
+    EXPECT_EQ(v["DIM"], 328);
+    EXPECT_NEAR(v["GP0"], r["GP5"], 1e-6);
+    EXPECT_LT(v["GP0"], r["GP3"]);
+}
+
+// A learned model is an ordinary model: its file reads back with the learned
+// graph, its counts and its fitted weights.
+TEST(ModelSearch, LearnedModelStoresAndReadsBack) {
+    const std::string mfn = tmpPath("struct_learned.qzm");
+    std::remove(mfn.c_str());
+    Ctx c;
+    ASSERT_TRUE(runLines(c, loadVote("CLIQUES") + std::vector<std::string>{"KXX 3", "MODEL;", "ALG JT;", "ALG FL1;",
+                                                                          "MIO 50", "ESTIMATE;", "MFN '" + mfn + "'",
+                                                                          "STORE MPT;"}));
+    const IOd* io = model(c);
+    Ctx d;
+    ASSERT_TRUE(runLines(d, {"MFN '" + mfn + "'", "LDX MPT;"}));
+    const IOd* back = model(d);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(edgeList(*back->G), edgeList(*io->G));
+    EXPECT_EQ(back->gtype, 12u);
+    EXPECT_EQ(std::vector<unsigned long>(back->woff, back->woff + back->odim),
+              std::vector<unsigned long>(io->woff, io->woff + io->odim));
+    EXPECT_EQ(std::vector<double>(back->E, back->E + back->sdim), std::vector<double>(io->E, io->E + io->sdim));
+    EXPECT_EQ(std::vector<double>(back->w, back->w + back->dim), std::vector<double>(io->w, io->w + io->dim));
 }

@@ -38,7 +38,7 @@ def test_vote_example_gives_qzruns_registers(repo_root, tmp_path):
             assert ctx[name] == int(expected[name]), name
         for name in ("GP0", "LNZ"):
             assert math.isclose(ctx[name], float(expected[name]), rel_tol=1e-9, abs_tol=0.0), name
-        assert ctx["NXX"] == 434 and ctx["DIM"] == 544
+        assert ctx["NXX"] == 434 and ctx["DIM"] == 328
 
         # The marginals array that INFER left in PPT, read by its address,
         # is what infer() returns for the same model and no table.
@@ -49,7 +49,7 @@ def test_vote_example_gives_qzruns_registers(repo_root, tmp_path):
         m = ctx.infer()
         assert np.array_equal(m.array, published)
         assert m.log_z == lnz
-        assert len(m.vertex) == 17 and len(m.edge) == 136
+        assert len(m.vertex) == 17 and len(m.edge) == 82
         pos = 0
         for v, p in enumerate(m.vertex):
             assert np.array_equal(p, published[pos : pos + states[v]])
