@@ -466,6 +466,9 @@ void vm_t::requireMPT() const {
 // a graph of its variables is loaded again.
 void vm_t::requireModelGraph() const {
     if (modelLacksGraph()) throw std::logic_error("the model has no graph: load one with LDX GPT");
+    if (misfitModel != nullptr && misfitModel == getP(MPT))
+        throw std::logic_error("the model does not fit the graph a conversion derived from its own: load a graph of "
+                               "its variables with LDX GPT");
 }
 
 void vm_t::requireGPT() const {

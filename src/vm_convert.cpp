@@ -24,6 +24,19 @@ template <typename idx_t> AbstractGraph<idx_t>* graphOf(const vm_t& vm) {
     return isResource(p) ? static_cast<AbstractGraph<idx_t>*>(p) : nullptr;
 }
 
+// Whether a model laid out for graph a fits graph b: the same vertices and
+// the same edges, in the same order and orientation.
+template <typename idx_t> bool sameShape(const AbstractGraph<idx_t>* a, const AbstractGraph<idx_t>* b) {
+    if (a == nullptr || a->vertices() != b->vertices() || a->edges() != b->edges()) return false;
+    idx_t s, t, u, v;
+    for (idx_t e = 0; e < a->edges(); ++e) {
+        a->edge(e, s, t);
+        b->edge(e, u, v);
+        if (s != u || t != v) return false;
+    }
+    return true;
+}
+
 // GPT and GRA name the new graph; a model is pointed at it and keeps the old
 // one underneath.
 template <typename idx_t, typename val_t>
@@ -34,6 +47,20 @@ void install(vm_t& vm, AbstractGraph<idx_t>* now, AbstractGraph<idx_t>* old, con
     void* mp = vm.getP(vm_t::MPT);
     if (!isResource(mp)) return;
     IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(mp);
+    if (vm.misfitModel != (const void*)io && !sameShape(io->G, now)) {
+        // The layout of the model's arrays, for LDX GPT to take them over.
+        vm.misfitVertices = io->G != nullptr ? (size_t)io->G->vertices()
+                            : io->Ynames != nullptr ? io->Ynames->size()
+                                                    : ~(size_t)0;
+        vm.misfitEdges.clear();
+        idx_t s, t;
+        if (io->G != nullptr)
+            for (idx_t e = 0; e < io->G->edges(); ++e) {
+                io->G->edge(e, s, t);
+                vm.misfitEdges.emplace_back((size_t)s, (size_t)t);
+            }
+        vm.misfitModel = io;
+    }
     io->G = now;
     io->H = old;
 }

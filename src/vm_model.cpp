@@ -87,12 +87,15 @@ template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& v
         return;
     }
     const size_t V = (size_t)G->vertices(), M = (size_t)G->edges();
-    const size_t Vm = modelVertices(io);
+    // A model that a conversion pointed at a derived graph is still laid out
+    // for the graph it had before: that layout is the one to take over.
+    const bool misfit = vm.misfitModel == (const void*)io;
+    const size_t Vm = misfit ? vm.misfitVertices : modelVertices(io);
     if (Vm != UNKNOWN_COUNT && Vm != V)
         throw std::logic_error("the graph has " + std::to_string(V) + " vertices, but the model has " +
                                std::to_string(Vm) + " variables");
     io->gtype = (idx_t)vm.get(vm_t::GRA);
-    if (old == G) return;
+    if (old == G && !misfit) return;
 
     const idx_t* Y = io->Y;
     const size_t vdim = checkedSum<idx_t>(V, [&](size_t v) { return (size_t)Y[v]; }, "state counts");
@@ -114,7 +117,9 @@ template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& v
     if (haveStats) std::memcpy(E, io->E, vdim * sizeof(val_t));
 
     std::map<std::pair<size_t, size_t>, size_t> oldEdges;
-    if (old != nullptr && haveStats)
+    if (misfit && haveStats)
+        for (size_t e = 0; e < vm.misfitEdges.size(); ++e) oldEdges.emplace(vm.misfitEdges[e], e);
+    else if (old != nullptr && haveStats)
         for (idx_t e = 0; e < old->edges(); ++e) {
             old->edge(e, s, t);
             oldEdges.emplace(std::make_pair((size_t)s, (size_t)t), (size_t)e);
@@ -145,6 +150,8 @@ template <typename idx_t, typename val_t> void attachGraphToModel0(const vm_t& v
     io->woff = woff;
     io->w = w;
     io->G = G;
+    // The graph under the derived one no longer stands under the model's.
+    if (misfit) io->H = nullptr;
     io->dim = (idx_t)dim;
     io->odim = (idx_t)(V + M + 1);
     io->sdim = (idx_t)(vdim + dim);
@@ -229,6 +236,8 @@ void vm_t::attachGraphToModel() {
     if (!isResource(getP(MPT)) || getP(GPT) == (void*)1) return;
     AttachGraphF f{*this};
     dispatch(f);
+    // The model is laid out for its graph again.
+    if (misfitModel == getP(MPT) && isResource(getP(GPT))) misfitModel = nullptr;
     // The graph kept for the model after DEL GPT is no longer its graph.
     if (keptGraph != nullptr && !modelUsesGraph(keptGraph)) dropKeptGraph();
 }
@@ -254,6 +263,7 @@ bool vm_t::freeModel() {
     }
     // Nothing reads the graph DEL GPT kept for the model any more.
     dropKeptGraph();
+    misfitModel = nullptr;
     set(MPT, (void*)nullptr);
     return true;
 }

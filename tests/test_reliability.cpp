@@ -194,6 +194,50 @@ TEST(Reliability, KindWithoutGraphLeavesAModelThatSaysSo) {
     EXPECT_EQ(failureOf(c, {"GRA OTHER", "LDX GPT;", "SCORE;"}), "the model has no graph: load one with LDX GPT");
 }
 
+// ------------------------------------------------------------ conversions of the graph under a loaded model
+
+// A conversion points the model at the derived graph, whose vertices are
+// cliques, slices or units, while the model's states and weights stay those
+// of its variables: every instruction that reads the model refuses it, and a
+// graph of its variables brings it back with its weights.
+TEST(Reliability, ConvertedGraphUnderAModelIsRefusedUntilItsGraphIsBack) {
+    const std::string refused =
+        "the model does not fit the graph a conversion derived from its own: load a graph of its variables with LDX GPT";
+    for (const char* conv : {"JUNCTIONTREE;", "STGRAPH;", "BOLTZMANNTREE;"}) {
+        Ctx c;
+        chainModel(c, "convert");
+        ASSERT_TRUE(runLines(c, {"INFER;"}));
+        const double lnz = regR(c, "LNZ");
+        const std::vector<double> pp = marginals(c);
+        const std::vector<double> w(model(c)->w, model(c)->w + model(c)->dim);
+        ASSERT_TRUE(runLines(c, {"TXX 2", conv}));
+        EXPECT_EQ((size_t)model(c)->G, reg(c, "GPT")) << conv;
+        // A failed run wedges its context: each use gets its own.
+        for (const char* use : {"INFER;", "PREDICT;", "SCORE;", "SAMPLE;", "STATS;", "ESTIMATE;", "INITGAUSS;",
+                                "INITZERO;", "CLOSEDFORM;", "STORE MPT;"}) {
+            Ctx d;
+            chainModel(d, "convert_use");
+            EXPECT_EQ(failureOf(d, {"TXX 2", conv, "MFN " + quoted(tmpPath("rel_convert.mod")), use}), refused)
+                << conv << " " << use;
+        }
+        ASSERT_TRUE(runLines(c, {"TXX 1", "GRA CHAIN", "LDX GPT;", "INFER;"})) << conv;
+        EXPECT_DOUBLE_EQ(regR(c, "LNZ"), lnz) << conv;
+        EXPECT_EQ(marginals(c), pp) << conv;
+        EXPECT_EQ(std::vector<double>(model(c)->w, model(c)->w + model(c)->dim), w) << conv;
+        EXPECT_EQ(model(c)->H, nullptr) << conv;
+    }
+}
+
+// Two conversions in a row keep the layout the model had before the first.
+TEST(Reliability, SecondConversionKeepsTheModelsLayout) {
+    Ctx c;
+    chainModel(c, "convert_twice");
+    ASSERT_TRUE(runLines(c, {"INFER;"}));
+    const double lnz = regR(c, "LNZ");
+    ASSERT_TRUE(runLines(c, {"JUNCTIONTREE;", "TXX 2", "STGRAPH;", "TXX 1", "GRA CHAIN", "LDX GPT;", "INFER;"}));
+    EXPECT_DOUBLE_EQ(regR(c, "LNZ"), lnz);
+}
+
 // ------------------------------------------------------------ register reads while the graph changes
 
 TEST(Reliability, ReadingGraphRegistersWhileTheProgramReplacesTheGraph) {
