@@ -214,10 +214,13 @@ TEST(Reliability, ConvertedGraphUnderAModelIsRefusedUntilItsGraphIsBack) {
         EXPECT_EQ((size_t)model(c)->G, reg(c, "GPT")) << conv;
         // A failed run wedges its context: each use gets its own.
         for (const char* use : {"INFER;", "PREDICT;", "SCORE;", "SAMPLE;", "STATS;", "ESTIMATE;", "INITGAUSS;",
-                                "INITZERO;", "CLOSEDFORM;", "STORE MPT;"}) {
+                                "INITZERO;", "CLOSEDFORM;", "STORE MPT;", "FMT FG STORE GPT;", "FMT ADJ STORE GPT;",
+                                "FMT TGF STORE GPT;"}) {
             Ctx d;
             chainModel(d, "convert_use");
-            EXPECT_EQ(failureOf(d, {"TXX 2", conv, "MFN " + quoted(tmpPath("rel_convert.mod")), use}), refused)
+            EXPECT_EQ(failureOf(d, {"TXX 2", conv, "MFN " + quoted(tmpPath("rel_convert.mod")),
+                                   "GFN " + quoted(tmpPath("rel_convert.exp")), "OVW true", use}),
+                      refused)
                 << conv << " " << use;
         }
         ASSERT_TRUE(runLines(c, {"TXX 1", "GRA CHAIN", "LDX GPT;", "INFER;"})) << conv;
