@@ -32,8 +32,9 @@ void checkBinaryHeader(const std::string& fn) {
     if (len < sizeof(head) || __builtin_mul_overflow(N, n, &cells) || cells > len - sizeof(head))
         throw std::logic_error(what + ", but holds only " + std::to_string(len) + " bytes");
     if (sX > CategoricalData::MIS_VAL) throw std::logic_error(what + ": a category code has 16 bits");
-    // A name costs a map node and a string, some 100 bytes.
-    const double bytes = (double)n * (double)sX * 100.0;
+    // A name costs a map node and a string, some 100 bytes; a column its own
+    // map and list of names, some 128 bytes, also with no category at all.
+    const double bytes = (double)n * ((double)sX * 100.0 + 128.0);
     const double memory = (double)sysconf(_SC_PHYS_PAGES) * (double)sysconf(_SC_PAGESIZE);
     if (bytes > memory) throw std::bad_alloc();
 }

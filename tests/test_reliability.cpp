@@ -500,6 +500,11 @@ TEST(Reliability, BinaryHeaderBeyondTheFileIsReported) {
     const std::string cols = binaryFile("cols", binaryTable(0, 1ull << 50, 65535, {}));
     Ctx g;
     EXPECT_THROW(runLines(g, {"DFN " + quoted(cols), "LDX DPT;"}), std::bad_alloc);
+    // Columns cost memory of their own, without rows or categories: this
+    // header once had the reader make maps until the machine ran out.
+    const std::string bare = binaryFile("bare", binaryTable(0, 1ull << 62, 0, {}));
+    Ctx h;
+    EXPECT_THROW(runLines(h, {"DFN " + quoted(bare), "LDX DPT;"}), std::bad_alloc);
 }
 
 // ------------------------------------------------------------ UINT8 dimensions
