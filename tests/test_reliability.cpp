@@ -231,6 +231,23 @@ TEST(Reliability, ConvertedGraphUnderAModelIsRefusedUntilItsGraphIsBack) {
     }
 }
 
+// A table loaded against such a model is coded by the model's variables; the
+// layer list of the network derived from its graph has no hidden unit among
+// them.
+TEST(Reliability, TableLoadedAgainstAConvertedModelStaysWithinItsVariables) {
+    Ctx c;
+    chainModel(c, "convert_load");
+    EXPECT_EQ(failureOf(c, {"BOLTZMANNTREE;", "LDX DPT;"}),
+              "the layer list puts the first hidden unit at 3, but the model has 3 variables");
+    for (const char* pair : {"idx_t UINT32 val_t UINT32", "idx_t UINT64 val_t FLT64"}) {
+        Ctx d;
+        ASSERT_TRUE(runLines(d, {pair, "DFN " + quoted(csvFile("rel_convert_load", threeColumns(30))), "LDX DPT;",
+                                 "GRA CHAIN", "LDX GPT;", "MODEL;", "JUNCTIONTREE;", "LDX DPT;"}))
+            << pair;
+        EXPECT_EQ(table(d)->columns(), 3u) << pair;
+    }
+}
+
 // Two conversions in a row keep the layout the model had before the first.
 TEST(Reliability, SecondConversionKeepsTheModelsLayout) {
     Ctx c;
