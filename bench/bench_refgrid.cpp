@@ -135,6 +135,7 @@ BENCHMARK(BM_RefGridSweep)
     ->Args({300, 4, 0})
     ->Args({100, 2, 1})
     ->Args({300, 4, 1})
+    ->MinTime(2)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

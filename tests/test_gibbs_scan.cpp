@@ -113,3 +113,14 @@ TEST(GibbsScan, NarrowIndexTypesMatch) {
     compareOn<unsigned short>(el, 4, {2, 2, 5, 3}, 5);
     compareOn<unsigned long>(el, 4, {4, 3, 2, 2}, 6);
 }
+
+TEST(GibbsScan, UnitDrawsAreThoseOfTheStandardUniformDistribution) {
+    std::mt19937 a(77), b(77);
+    std::uniform_real_distribution<double> U(0.0, 1.0);
+    for (int i = 0; i < 200000; ++i) {
+        const double u = QZ::InferenceAlgorithm<unsigned, double>::unitDraw(a);
+        ASSERT_EQ(u, U(b)) << "draw " << i;
+    }
+    // The engine states are the same afterwards.
+    EXPECT_EQ(a(), b());
+}

@@ -11,6 +11,7 @@
 
 #include <omp.h>
 
+#include <atomic>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -154,4 +155,43 @@ TEST(ThreadCounts, PairCountsAreTheSameOnOneThreadOrTwo) {
     }
     for (auto* v : names) delete v;
     EXPECT_EQ(runs[0], runs[1]);
+}
+
+// The passes of a team: every item of every pass is done exactly once, by
+// the kind of the pass, whatever thread takes it, over passes of many sizes
+// and chunk sizes (empty passes and passes of one chunk included); and
+// every team is stopped.
+TEST(ThreadCounts, EveryItemOfATeamsPassIsDoneOnce) {
+    const size_t most = 3000;
+    std::vector<std::atomic<int>> hits(most);
+    for (auto& h : hits) h.store(0);
+    std::atomic<unsigned> kindNow(0);
+    std::atomic<long> wrongKind(0);
+    for (int threads : {1, 2, 3}) {
+        QZ::detail::PassTeam team;
+        long bad = 0;
+#pragma omp parallel num_threads(threads) reduction(+ : bad)
+        {
+            auto work = [&](const unsigned& k, const size_t& lo, const size_t& hi) {
+                if (k != kindNow.load()) wrongKind.fetch_add(1);
+                for (size_t i = lo; i < hi; ++i) hits[i].fetch_add(1);
+            };
+            if (omp_get_thread_num() == 0) {
+                for (unsigned p = 0; p < 3000; ++p) {
+                    const size_t n = (p * 7919u) % most, c = 1 + (p * 31u) % 257;
+                    kindNow.store(p % 11);
+                    team.lead(p % 11, n, c, work);
+                    for (size_t i = 0; i < most; ++i) {
+                        if (hits[i].load() != (i < n ? 1 : 0)) ++bad;
+                        hits[i].store(0);
+                    }
+                }
+                team.stop();
+            } else {
+                team.help(work);
+            }
+        }
+        EXPECT_EQ(bad, 0) << threads << " threads";
+    }
+    EXPECT_EQ(wrongKind.load(), 0);
 }
