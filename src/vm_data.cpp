@@ -32,8 +32,9 @@ void checkBinaryHeader(const std::string& fn) {
     if (len < sizeof(head) || __builtin_mul_overflow(N, n, &cells) || cells > len - sizeof(head))
         throw std::logic_error(what + ", but holds only " + std::to_string(len) + " bytes");
     if (sX > CategoricalData::MIS_VAL) throw std::logic_error(what + ": a category code has 16 bits");
-    // A name costs a map node and a string, some 100 bytes.
-    const double bytes = (double)n * (double)sX * 100.0;
+    // A name costs a map node and a string, some 100 bytes; a column its own
+    // map and list of names, some 128 bytes, also with no category at all.
+    const double bytes = (double)n * ((double)sX * 100.0 + 128.0);
     const double memory = (double)sysconf(_SC_PHYS_PAGES) * (double)sysconf(_SC_PAGESIZE);
     if (bytes > memory) throw std::bad_alloc();
 }
@@ -50,23 +51,34 @@ template <typename idx_t, typename val_t> void loadData0(vm_t& vm) {
     size_t Lnum = 0, Ly = 0;
 
     if (io != nullptr) {
-        YN = io->Ynames;
-        if (YN == nullptr) {
-            YN = new NameLists();
-            tempYN = true;
-            const size_t V = io->G != nullptr ? (size_t)io->G->vertices() : 0;
-            for (size_t i = 0; i < V; ++i) {
-                std::vector<std::string>* names = new std::vector<std::string>();
-                for (size_t x = 0; x < (size_t)io->Y[i]; ++x) names->push_back("Y" + std::to_string(x));
-                YN->push_back(names);
-            }
-        }
+        // The model's variables: those its states are laid out for, which a
+        // conversion may have left under another graph.
+        size_t V = vm.misfitModel == (const void*)io ? vm.misfitVertices
+                   : io->G != nullptr                 ? (size_t)io->G->vertices()
+                   : io->Ynames != nullptr            ? io->Ynames->size()
+                                                      : 0;
+        if (V == ~(size_t)0) V = 0;
         const size_t gra = vm.get(vm_t::GRA);
         const std::vector<size_t>* L = vm.getLP(vm_t::LPT);
         // Without a layer list there is nothing to add.
         if ((gra == vm_t::RBM || gra == vm_t::DBT) && L != nullptr && !L->empty()) {
             for (size_t k = 1; k + 1 < L->size(); ++k) Lnum += L->at(k);
+            // The first hidden unit follows the visible ones; a list that
+            // puts it beyond the model's variables names no state count.
+            if (L->front() >= V)
+                throw std::out_of_range("the layer list puts the first hidden unit at " + std::to_string(L->front()) +
+                                        ", but the model has " + std::to_string(V) + " variables");
             Ly = (size_t)io->Y[L->front()];
+        }
+        YN = io->Ynames;
+        if (YN == nullptr) {
+            YN = new NameLists();
+            tempYN = true;
+            for (size_t i = 0; i < V; ++i) {
+                std::vector<std::string>* names = new std::vector<std::string>();
+                for (size_t x = 0; x < (size_t)io->Y[i]; ++x) names->push_back("Y" + std::to_string(x));
+                YN->push_back(names);
+            }
         }
     }
 

@@ -36,8 +36,6 @@ using ExternalOptimizerFactory = Optimizer<idx_t, val_t, true>* (*)(void (*g)(Op
 
 namespace engine_detail {
 
-[[noreturn]] inline void notYet(const char* what) { throw std::logic_error(std::string(what) + " is not available yet"); }
-
 // The external factories exist only for the floating instantiations; the
 // multiple-precision value code reaches the double instance but no factory
 // was ever made for it.

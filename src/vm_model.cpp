@@ -38,6 +38,8 @@ template <typename idx_t, typename val_t> void storeGraph0(const vm_t& vm) {
     // reads the container's graph: without a model, ADJ and TGF fail here
     // instead of dereferencing nothing.
     if (!isResource(vm.getP(vm_t::MPT))) throw std::logic_error("model or graph missing");
+    // And the model's graph must be one its states are laid out for.
+    vm.requireModelGraph();
     const IO<idx_t, val_t>* io = static_cast<const IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
     const std::string& fn = *vm.getS(vm_t::GFN);
     switch (fmt) {

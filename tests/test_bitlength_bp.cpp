@@ -420,6 +420,40 @@ TEST(BitLengthBP, SingleEdgeMarginalsAreExact) {
         }
 }
 
+// Reading the entries of one edge after another, in any order, gives the
+// normalizer of the edge asked for; a new infer after new weights gives the
+// new one. Two edges without neighbours in common: each belief is its
+// potential, times the messages of its other end, here none.
+TEST(BitLengthBP, EdgeNormalizersFollowTheEdgeAndTheRun) {
+    const Tree T{4, {{0, 1}, {2, 3}}, {2, 2, 2, 2}, {{0, 3, 1, 2}, {4, 0, 0, 1}}};
+    Built<unsigned long> B(T);
+    B.bp->setMaxIter(10);
+    B.bp->infer(0);
+    auto total = [&](size_t e) {
+        uint64_t z = 0;
+        for (size_t k = 0; k < 4; ++k) z += 1ull << B.w[4 * e + k];
+        return z;
+    };
+    auto check = [&](int round, unsigned long e, unsigned long k) {
+        unsigned long q = 0, Z = 0;
+        B.bp->edge_marginal(e, k / 2, k % 2, q, Z);
+        EXPECT_EQ(q, 1ul << B.w[4 * e + k]) << round << " " << e << " " << k;
+        EXPECT_EQ(Z, total(e)) << round << " " << e << " " << k;
+    };
+    for (int round = 0; round < 2; ++round) {
+        // The edges in turn, then each edge whole; the last read is of edge
+        // 0, the first of the next round too.
+        for (unsigned long k = 0; k < 4; ++k)
+            for (unsigned long e = 0; e < 2; ++e) check(round, e, k);
+        for (unsigned long e : {1ul, 0ul})
+            for (unsigned long k = 0; k < 4; ++k) check(round, e, k);
+        // New weights for the second round, seen after the next infer.
+        B.w[1] = 6;
+        B.w[6] = 5;
+        B.bp->infer(0);
+    }
+}
+
 TEST(BitLengthBP, GraphWithoutEdgesHasTheLengthOfVertexZero) {
     auto G = makeGraph<unsigned int>(3, {});
     unsigned int Y[] = {3, 2, 2};

@@ -214,10 +214,13 @@ TEST(Reliability, ConvertedGraphUnderAModelIsRefusedUntilItsGraphIsBack) {
         EXPECT_EQ((size_t)model(c)->G, reg(c, "GPT")) << conv;
         // A failed run wedges its context: each use gets its own.
         for (const char* use : {"INFER;", "PREDICT;", "SCORE;", "SAMPLE;", "STATS;", "ESTIMATE;", "INITGAUSS;",
-                                "INITZERO;", "CLOSEDFORM;", "STORE MPT;"}) {
+                                "INITZERO;", "CLOSEDFORM;", "STORE MPT;", "FMT FG STORE GPT;", "FMT ADJ STORE GPT;",
+                                "FMT TGF STORE GPT;"}) {
             Ctx d;
             chainModel(d, "convert_use");
-            EXPECT_EQ(failureOf(d, {"TXX 2", conv, "MFN " + quoted(tmpPath("rel_convert.mod")), use}), refused)
+            EXPECT_EQ(failureOf(d, {"TXX 2", conv, "MFN " + quoted(tmpPath("rel_convert.mod")),
+                                   "GFN " + quoted(tmpPath("rel_convert.exp")), "OVW true", use}),
+                      refused)
                 << conv << " " << use;
         }
         ASSERT_TRUE(runLines(c, {"TXX 1", "GRA CHAIN", "LDX GPT;", "INFER;"})) << conv;
@@ -225,6 +228,23 @@ TEST(Reliability, ConvertedGraphUnderAModelIsRefusedUntilItsGraphIsBack) {
         EXPECT_EQ(marginals(c), pp) << conv;
         EXPECT_EQ(std::vector<double>(model(c)->w, model(c)->w + model(c)->dim), w) << conv;
         EXPECT_EQ(model(c)->H, nullptr) << conv;
+    }
+}
+
+// A table loaded against such a model is coded by the model's variables; the
+// layer list of the network derived from its graph has no hidden unit among
+// them.
+TEST(Reliability, TableLoadedAgainstAConvertedModelStaysWithinItsVariables) {
+    Ctx c;
+    chainModel(c, "convert_load");
+    EXPECT_EQ(failureOf(c, {"BOLTZMANNTREE;", "LDX DPT;"}),
+              "the layer list puts the first hidden unit at 3, but the model has 3 variables");
+    for (const char* pair : {"idx_t UINT32 val_t UINT32", "idx_t UINT64 val_t FLT64"}) {
+        Ctx d;
+        ASSERT_TRUE(runLines(d, {pair, "DFN " + quoted(csvFile("rel_convert_load", threeColumns(30))), "LDX DPT;",
+                                 "GRA CHAIN", "LDX GPT;", "MODEL;", "JUNCTIONTREE;", "LDX DPT;"}))
+            << pair;
+        EXPECT_EQ(table(d)->columns(), 3u) << pair;
     }
 }
 
@@ -497,6 +517,11 @@ TEST(Reliability, BinaryHeaderBeyondTheFileIsReported) {
     const std::string cols = binaryFile("cols", binaryTable(0, 1ull << 50, 65535, {}));
     Ctx g;
     EXPECT_THROW(runLines(g, {"DFN " + quoted(cols), "LDX DPT;"}), std::bad_alloc);
+    // Columns cost memory of their own, without rows or categories: this
+    // header once had the reader make maps until the machine ran out.
+    const std::string bare = binaryFile("bare", binaryTable(0, 1ull << 62, 0, {}));
+    Ctx h;
+    EXPECT_THROW(runLines(h, {"DFN " + quoted(bare), "LDX DPT;"}), std::bad_alloc);
 }
 
 // ------------------------------------------------------------ UINT8 dimensions

@@ -22,6 +22,33 @@ MISSING = 65535
 _MSG_CAP = 4096
 
 
+def _check_table_shape(path, header):
+    """Raise QZError if a text table has a row of another length than the first.
+
+    The library's reader takes every row to be as long as the first and stops
+    the whole process on an internal check otherwise; the file is read here
+    as the reader will see it (a header line when HED is true, then one line
+    that it skips, empty lines ignored). Binary tables are not looked at.
+    """
+    with open(path, "rb") as f:
+        if f.read(8) == b"qzbin$\0#":
+            return
+        f.seek(0)
+        expected = first = None
+        for no, raw in enumerate(f, start=1):
+            if no <= (2 if header else 1):
+                continue
+            line = raw.rstrip(b"\n")
+            if not line:
+                continue
+            cells = line.count(b",") + 1
+            if first is None:
+                first, expected = no, cells
+            elif cells != expected:
+                raise QZError("table %s: line %d has %d cells, expected %d (as line %d)"
+                              % (path, no, cells, expected, first))
+
+
 class QZError(RuntimeError):
     """A failure reported by the library.
 
@@ -595,6 +622,7 @@ class Context:
             if not os.path.isfile(path):
                 raise FileNotFoundError("no table file %s" % path)
             self["EDP"] = None
+            _check_table_shape(path, bool(self["HED"]))
             self["DFN"] = path
             self.run("DEL DPT;\nLDX DPT;")
             self._table = None

@@ -111,3 +111,19 @@ def test_a_file_table_replaces_an_array_table(tmp_path):
         assert ctx["DFN"] == str(path)
         ctx.run("GRA CHAIN;\nLDX GPT;")
         assert ctx["GVX"] == 3
+
+
+def test_a_ragged_text_table_is_an_error_not_a_crash(tmp_path):
+    # One short row and one long row would shift every cell between them, or
+    # stop the process in the reader's check: the package looks first.
+    f = tmp_path / "ragged.csv"
+    f.write_text("a,b,c\nskip\nx,y,z\nx,y\nx,y,z,w\n")
+    with qz.Context(progress=False) as ctx:
+        ctx["HED"] = True
+        with pytest.raises(qz.QZError, match=r"line 4 has 2 cells, expected 3 \(as line 3\)"):
+            ctx.load_table(str(f))
+        assert not ctx.wedged
+        assert ctx["DPT"] is None or ctx["DPT"] == 0
+        good = tmp_path / "good.csv"
+        good.write_text("a,b,c\nskip\nx,y,z\n\nx,q,z\n")
+        assert ctx.load_table(str(good)) == 2
