@@ -80,12 +80,12 @@ void BM_HuginFirstRun(benchmark::State& state) {
     omp_set_num_threads(saved);
 }
 
-void BM_HuginInfer(benchmark::State& state) {
+// Steady-state runs of one engine on a model, on range(1) threads.
+void steadyInfer(benchmark::State& state, const QZ::AbstractGraph<unsigned>* G, const unsigned* Y, double* w) {
     const int saved = omp_get_max_threads();
     omp_set_num_threads((int)state.range(1));
-    RefModel m((size_t)state.range(0));
     std::mt19937 rng(1);
-    QZ::HuginAlgorithm<unsigned, double> H(m.G.get(), m.Y.data(), &rng, m.w.data());
+    QZ::HuginAlgorithm<unsigned, double> H(G, Y, &rng, w);
     H.infer(0);
     for (auto _ : state) {
         H.infer(0);
@@ -95,19 +95,14 @@ void BM_HuginInfer(benchmark::State& state) {
     omp_set_num_threads(saved);
 }
 
+void BM_HuginInfer(benchmark::State& state) {
+    RefModel m((size_t)state.range(0));
+    steadyInfer(state, m.G.get(), m.Y.data(), m.w.data());
+}
+
 void BM_HuginCompleteInfer(benchmark::State& state) {
-    const int saved = omp_get_max_threads();
-    omp_set_num_threads((int)state.range(1));
     CompleteModel m((unsigned)state.range(0));
-    std::mt19937 rng(1);
-    QZ::HuginAlgorithm<unsigned, double> H(&m.G, m.Y.data(), &rng, m.w.data());
-    H.infer(0);
-    for (auto _ : state) {
-        H.infer(0);
-        benchmark::DoNotOptimize(H.A());
-    }
-    tableCounters(state, H);
-    omp_set_num_threads(saved);
+    steadyInfer(state, &m.G, m.Y.data(), m.w.data());
 }
 
 }  // namespace
