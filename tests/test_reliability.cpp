@@ -248,6 +248,17 @@ TEST(Reliability, TableLoadedAgainstAConvertedModelStaysWithinItsVariables) {
     }
 }
 
+// The refusal belongs to the model the conversion left behind: a model made
+// after it is released, perhaps at the same address, is used as any other.
+TEST(Reliability, ModelMadeAfterAConvertedOneIsNotRefused) {
+    Ctx c;
+    chainModel(c, "convert_new");
+    ASSERT_TRUE(runLines(c, {"JUNCTIONTREE;", "DEL MPT;", "TXX 1", "GRA CHAIN", "LDX GPT;", "MODEL;", "INFER;"}));
+    ASSERT_TRUE(runLines(c, {"JUNCTIONTREE;", "DEL MPT;", "MFN " + quoted(tmpPath("rel_convert_new.mod")),
+                             "GRA CHAIN", "LDX GPT;", "MODEL;", "OVW true", "STORE MPT;", "DEL MPT;", "LDX MPT;",
+                             "INFER;"}));
+}
+
 // Two conversions in a row keep the layout the model had before the first.
 TEST(Reliability, SecondConversionKeepsTheModelsLayout) {
     Ctx c;
