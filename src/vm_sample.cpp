@@ -97,7 +97,7 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
 
     // Every thread builds a model of its own: a table of few rows, or a model
     // too small for its rows to pay for that, stays on the calling thread.
-    const int team = num_samples < 2 ? 1 : detail::threadsFor(num_samples * ((size_t)io->dim + (size_t)n));
+    const int team = num_samples < 2 ? 1 : detail::threadsForShares(num_samples * ((size_t)io->dim + (size_t)n));
 #pragma omp parallel num_threads(team)
     {
         size_t local_seed = 0;
