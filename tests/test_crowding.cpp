@@ -192,6 +192,31 @@ TEST(PassTimes, KeepsToTheFasterWayAndFollowsAChange) {
     EXPECT_LE(alone, 20 * (int)(PassTimes::kWarm + PassTimes::kTrial) + 40);
 }
 
+// A way that becomes slower than the other was is tried against it within a
+// few passes, not after the stretch between trials; a single pass held up
+// does not start a trial.
+TEST(PassTimes, AWayThatBecomesSlowerIsTriedAgainstTheOtherAtOnce) {
+    PassTimes t;
+    const unsigned stretch = PassTimes::kWarm + PassTimes::kTrial;
+    for (unsigned p = 0; p < stretch; ++p) t.record(0, 100);  // the team
+    for (unsigned p = 0; p < stretch; ++p) t.record(0, 50);   // alone: faster
+    ASSERT_TRUE(t.alone());
+    for (unsigned p = 0; p < 100; ++p) {
+        ASSERT_TRUE(t.alone()) << p;
+        t.record(0, p % 10 == 0 ? 400 : 50);
+    }
+    // Alone now takes three times as long: within a few passes the team is
+    // tried, and kept.
+    unsigned p = 0;
+    while (t.alone() && p < 10) {
+        t.record(0, 150);
+        ++p;
+    }
+    EXPECT_LT(p, 10u);
+    for (unsigned q = 0; q < stretch; ++q) t.record(0, 100);
+    EXPECT_FALSE(t.alone());
+}
+
 // Timing noise in the passes right after a change of way is not taken.
 TEST(PassTimes, ThePassesAfterAChangeAreNotTimed) {
     PassTimes t;
