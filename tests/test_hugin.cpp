@@ -616,3 +616,51 @@ TEST(HuginDeath, CliqueNextToACliqueIsNoSeparator) {
 }
 
 }  // namespace
+
+TEST(Hugin, LargeTablesGiveTheSameBitsOnOneThreadOrTwoAndWhenCrowded) {
+    // Two cliques of 17 binary vertices over 18, sharing 16: tables of 2^17
+    // entries and a separator of 2^16, projected in halves.
+    const unsigned n = 18;
+    EdgeList el;
+    for (size_t a = 0; a < n; ++a)
+        for (size_t b = a + 1; b < n; ++b)
+            if (!(a == 0 && b == n - 1)) el.push_back({a, b});
+    auto G = makeGraph<unsigned>(n, el);
+    std::vector<unsigned> Y(n, 2);
+    std::vector<double> w(el.size() * 4);
+    std::mt19937 g(11);
+    std::uniform_real_distribution<double> U(-0.3, 0.3);
+    for (double& x : w) x = U(g);
+    std::mt19937 rng(1);
+    auto run = [&](int threads) {
+        omp_set_num_threads(threads);
+        QZ::HuginAlgorithm<unsigned, double> H(G.get(), Y.data(), &rng, w.data());
+        H.infer(0);
+        std::vector<double> r{H.A()};
+        for (unsigned v = 0; v < n; ++v) {
+            double q, Z;
+            H.vertex_marginal(v, 1, q, Z);
+            r.push_back(q);
+        }
+        for (unsigned e = 0; e < G->edges(); e += 5) {
+            double p, Z;
+            H.edge_marginal(e, 1, 0, p, Z);
+            r.push_back(p);
+        }
+        return r;
+    };
+    const int saved = omp_get_max_threads();
+    const std::vector<double> one = run(1), two = run(2);
+    QZ::detail::crowding().setWatch(true);
+    QZ::detail::crowding().crowd();
+    const std::vector<double> crowded = run(2);
+    QZ::detail::crowding().setWatch(false);
+    omp_set_num_threads(saved);
+    ASSERT_EQ(one.size(), two.size());
+    EXPECT_EQ(std::memcmp(one.data(), two.data(), one.size() * sizeof(double)), 0);
+    EXPECT_EQ(std::memcmp(one.data(), crowded.data(), one.size() * sizeof(double)), 0);
+    // The value of every joint state summed.
+    QZ::HuginAlgorithm<unsigned, double> E(G.get(), Y.data(), &rng, w.data());
+    E.infer_slow(0);
+    EXPECT_NEAR(one[0], E.A(), 1e-9 * std::fabs(E.A()));
+}
