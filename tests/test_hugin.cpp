@@ -618,13 +618,17 @@ TEST(HuginDeath, CliqueNextToACliqueIsNoSeparator) {
 }  // namespace
 
 TEST(Hugin, LargeTablesGiveTheSameBitsOnOneThreadOrTwoAndWhenCrowded) {
-    // Two cliques of 17 binary vertices over 18, sharing 16: tables of 2^17
-    // entries and a separator of 2^16, projected in halves.
-    const unsigned n = 18;
+    // Two cliques of 17 binary vertices over 19, sharing all of 0..15 but
+    // 4: tables of 2^17 entries in two blocks of 2^16, projected in halves
+    // onto the separator, whose every entry sums four entries of a clique,
+    // two from each half (vertex 4 within a block, 16 across).
+    const unsigned n = 19;
+    auto inA = [](size_t v) { return v <= 16; };
+    auto inB = [](size_t v) { return (v <= 15 && v != 4) || v >= 17; };
     EdgeList el;
     for (size_t a = 0; a < n; ++a)
         for (size_t b = a + 1; b < n; ++b)
-            if (!(a == 0 && b == n - 1)) el.push_back({a, b});
+            if ((inA(a) && inA(b)) || (inB(a) && inB(b))) el.push_back({a, b});
     auto G = makeGraph<unsigned>(n, el);
     std::vector<unsigned> Y(n, 2);
     std::vector<double> w(el.size() * 4);
