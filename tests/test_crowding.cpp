@@ -161,6 +161,32 @@ TEST(Crowding, ATeamThreadOfOursIsNotOtherWork) {
     EXPECT_LT((b - a) / rounds, 1.5);
 }
 
+// The runtime's pool threads that serve the caller's regions are recorded by
+// the judge the first time it is asked for a team: one of them spinning in a
+// region is not other work for it, as it is for a judge that never was asked.
+TEST(Crowding, ThePoolThreadsOfTheCallerAreNotOtherWork) {
+    Crowding knows, blind;
+    knows.freeFor(2);
+    std::atomic<bool> stop(false);
+    double a = 0, b = 0;
+    const int rounds = 200;
+#pragma omp parallel num_threads(2) shared(stop, a, b)
+    {
+        if (omp_get_thread_num() == 1) {
+            volatile unsigned long x = 0;
+            while (!stop.load(std::memory_order_relaxed)) x = x + 1;
+        } else {
+            for (int i = 0; i < rounds; ++i) {
+                a += knows.otherRunnable();
+                b += blind.otherRunnable();
+            }
+            stop = true;
+        }
+    }
+    EXPECT_GT((b - a) / rounds, 0.5);
+    EXPECT_LT((b - a) / rounds, 1.5);
+}
+
 // The leader keeps to the faster way: alone when its passes take half the
 // team's time, with the team when the team's take half; a trial of the other
 // way now and then costs few passes, and a change is followed.
@@ -301,15 +327,23 @@ TEST_F(CrowdedMachine, ARegionWhoseThreadIsKeptJudgesTheMachineCrowded) {
     omp_set_num_threads(saved);
 }
 
+// Sampling's shares keep their team on a crowded machine, since its draws
+// depend on the team; the other loops take one thread.
+TEST_F(CrowdedMachine, SharesKeepTheirTeamWhenCrowded) {
+    const int saved = omp_get_max_threads();
+    omp_set_num_threads(2);
+    QZ::detail::crowding().crowd();
+    EXPECT_EQ(QZ::detail::threadsFor((size_t)1 << 40), 1);
+    EXPECT_EQ(QZ::detail::threadsForShares((size_t)1 << 40), 2);
+    EXPECT_EQ(QZ::detail::threadsForShares(QZ::detail::threadWork - 1), 1);
+    omp_set_num_threads(saved);
+}
+
 // Loopy belief propagation on a crowded machine runs on one thread and gives
 // the same bits as its team.
 TEST_F(CrowdedMachine, ACrowdedRunGivesTheBitsOfATeam) {
     const size_t L = 80;
-    qztest::EdgeList el;
-    for (size_t v = 0; v < L * L; ++v) {
-        if (v % L + 1 < L) el.push_back({v, v + 1});
-        if (v + L < L * L) el.push_back({v, v + L});
-    }
+    const qztest::EdgeList el = qztest::squareGrid(L);
     auto G = qztest::makeGraph<unsigned>(L * L, el);
     std::vector<unsigned> Y(L * L, 3);
     std::vector<double> w(el.size() * 9);

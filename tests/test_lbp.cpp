@@ -542,11 +542,7 @@ TEST(LBP, HeldStatisticsAreReadPerEntryCount) {
 // held.
 TEST(LBP, ContinuedRunOfANewEngineStartsAsANewRun) {
     const size_t L = 4;
-    qztest::EdgeList el;
-    for (size_t v = 0; v < L * L; ++v) {
-        if (v % L + 1 < L) el.push_back({v, v + 1});
-        if (v + L < L * L) el.push_back({v, v + L});
-    }
+    const qztest::EdgeList el = qztest::squareGrid(L);
     auto G = qztest::makeGraph<unsigned int>(L * L, el);
     std::vector<unsigned int> Y(L * L);
     for (size_t v = 0; v < L * L; ++v) Y[v] = 2 + (unsigned)(v % 3);

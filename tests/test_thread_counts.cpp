@@ -22,15 +22,6 @@ namespace {
 
 using qztest::EdgeList;
 
-EdgeList grid(size_t L) {
-    EdgeList el;
-    for (size_t v = 0; v < L * L; ++v) {
-        if (v % L + 1 < L) el.push_back({v, v + 1});
-        if (v + L < L * L) el.push_back({v, v + L});
-    }
-    return el;
-}
-
 struct GradientRun {
     std::vector<double> g;
     double nrm = 0, A = 0, f = 0;
@@ -39,7 +30,7 @@ struct GradientRun {
 // The gradient of the plain model at random weights against random
 // frequencies, with the given number of threads.
 GradientRun gradient(size_t L, unsigned states, int threads) {
-    const EdgeList el = grid(L);
+    const EdgeList el = qztest::squareGrid(L);
     auto G = qztest::makeGraph<unsigned>(L * L, el);
     std::vector<unsigned> Y(L * L, states);
     const size_t d = el.size() * states * states;

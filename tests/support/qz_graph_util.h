@@ -41,6 +41,17 @@ template <typename idx_t> std::vector<size_t> incidence(const QZ::AbstractGraph<
     return r;
 }
 
+// The L x L grid, vertex v at row v / L and column v % L: each vertex's
+// edge to its right, then to the one below.
+inline EdgeList squareGrid(size_t L) {
+    EdgeList el;
+    for (size_t v = 0; v < L * L; ++v) {
+        if (v % L + 1 < L) el.push_back({v, v + 1});
+        if (v + L < L * L) el.push_back({v, v + L});
+    }
+    return el;
+}
+
 // Whether the edges join all n vertices into one component.
 inline bool connected(size_t n, const EdgeList& E) {
     std::vector<size_t> comp(n);
