@@ -710,9 +710,62 @@ size_t vm_t::lineOperand(VarType r) {
     return saturate(std::trunc(getR(r)));
 }
 
+void vm_t::warn(const std::string& text) {
+    warnedNow = true;
+    const progress_t cbp = reinterpret_cast<progress_t>(getP(CBP));
+    if (cbp != nullptr) cbp(0, 0, ("warning: " + text).c_str());
+}
+
+std::string vm_t::mnemonic(OpType o) const {
+    for (const auto* L : {&ARGS0, &ARGS1, &ARGS2, &ARGS3})
+        for (const auto& row : *L)
+            if (row.second == o) return row.first;
+    return std::to_string((int)o);
+}
+
+namespace {
+
+// The instructions whose results land in LNZ or RES. A value that a program
+// computes itself (ADD, MOV, ...) is the program's business.
+bool computesResults(vm_t::OpType op) {
+    switch (op) {
+    case vm_t::ESTIMATE: case vm_t::STATS: case vm_t::MODEL: case vm_t::INFER: case vm_t::PREDICT:
+    case vm_t::SCORE: case vm_t::SAMPLE: case vm_t::CLOSEDFORM: case vm_t::INITLAT: case vm_t::INITGAUSS:
+    case vm_t::INITZERO: case vm_t::LOAD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::string realText(double x) {
+    if (std::isnan(x)) return "nan";
+    return x > 0 ? "inf" : "-inf";
+}
+
+}  // namespace
+
 bool vm_t::exec() {
     execPending = false;
     (void)get(GRA);
+    warnedNow = false;
+    // A result that is not a number or infinite is never silent: the host
+    // hears of it, unless the instruction has already said why.
+    struct NonFinite {
+        vm_t& vm;
+        const bool watch;
+        const size_t lnz, res;
+        ~NonFinite() {
+            if (!watch || vm.warnedNow || std::uncaught_exceptions() > 0) return;
+            for (const VarType v : {LNZ, RES}) {
+                if (vm.bits(v) == (v == LNZ ? lnz : res)) continue;
+                const double x = vm.getR(v);
+                if (std::isfinite(x)) continue;
+                vm.warn(vm.mnemonic(vm.op) + " left " + (v == LNZ ? "LNZ" : "RES") + " = " + realText(x) +
+                        ", which is not a finite number");
+            }
+        }
+    } nonFinite{*this, !noexec && computesResults(op), bits(LNZ), bits(RES)};
     // Readers on other threads wait for no instruction: while one changes the
     // resources they are answered from what was published before. An
     // instruction that fails keeps the lock, since it may have left the

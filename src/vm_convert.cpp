@@ -24,15 +24,20 @@ template <typename idx_t> AbstractGraph<idx_t>* graphOf(const vm_t& vm) {
     return isResource(p) ? static_cast<AbstractGraph<idx_t>*>(p) : nullptr;
 }
 
-// Whether a model laid out for graph a fits graph b: the same vertices and
-// the same edges, in the same order and orientation.
-template <typename idx_t> bool sameShape(const AbstractGraph<idx_t>* a, const AbstractGraph<idx_t>* b) {
-    if (a == nullptr || a->vertices() != b->vertices() || a->edges() != b->edges()) return false;
+// Whether the arrays of a model laid out for graph a (states Y, statistics
+// and weights by edge block) also fit graph b: the same number of vertices,
+// the same number of edges, and edge blocks of the same sizes in the same
+// order. The model then simply goes on over b. Anything else would make the
+// instructions read its arrays past their ends, and is refused until the
+// model gets a graph of its own layout again.
+template <typename idx_t>
+bool sameShape(const AbstractGraph<idx_t>* a, const AbstractGraph<idx_t>* b, const idx_t* Y) {
+    if (a == nullptr || Y == nullptr || a->vertices() != b->vertices() || a->edges() != b->edges()) return false;
     idx_t s, t, u, v;
     for (idx_t e = 0; e < a->edges(); ++e) {
         a->edge(e, s, t);
         b->edge(e, u, v);
-        if (s != u || t != v) return false;
+        if ((size_t)Y[s] * (size_t)Y[t] != (size_t)Y[u] * (size_t)Y[v]) return false;
     }
     return true;
 }
@@ -47,7 +52,7 @@ void install(vm_t& vm, AbstractGraph<idx_t>* now, AbstractGraph<idx_t>* old, con
     void* mp = vm.getP(vm_t::MPT);
     if (!isResource(mp)) return;
     IO<idx_t, val_t>* io = static_cast<IO<idx_t, val_t>*>(mp);
-    if (vm.misfitModel != (const void*)io && !sameShape(io->G, now)) {
+    if (vm.misfitModel != (const void*)io && !sameShape(io->G, now, io->Y)) {
         // The layout of the model's arrays, for LDX GPT to take them over.
         vm.misfitVertices = io->G != nullptr ? (size_t)io->G->vertices()
                             : io->Ynames != nullptr ? io->Ynames->size()

@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 namespace QZ {
 
@@ -56,6 +57,30 @@ template <typename val_t> inline val_t truncated(const double& r) {
     return (val_t)(long long)r;
 }
 
+// Loopy belief propagation counts a vertex without edges in its Bethe value
+// with the factor (degree - 1) taken in idx_t, which wraps: the log partition
+// function and every objective built on it are then meaningless. The
+// arithmetic is kept as it is, but INFER and ESTIMATE say so.
+template <typename idx_t, typename val_t> void warnIsolated(vm_t& vm, const IO<idx_t, val_t>* io) {
+    if (vm.op != vm_t::INFER && vm.op != vm_t::ESTIMATE) return;
+    const AbstractGraph<idx_t>* G = io->G;
+    std::vector<size_t> lone;
+    for (idx_t v = 0; v < G->vertices(); ++v)
+        if (G->num_neighbors(v) == 0) lone.push_back((size_t)v);
+    if (lone.empty()) return;
+    std::string names;
+    const size_t shown = lone.size() < 5 ? lone.size() : 5;
+    for (size_t i = 0; i < shown; ++i) {
+        if (i > 0) names += i + 1 == lone.size() ? " and " : ", ";
+        names += std::to_string(lone[i]);
+        if (io->Xnames != nullptr && lone[i] < io->Xnames->size()) names += " (" + (*io->Xnames)[lone[i]] + ")";
+    }
+    if (shown < lone.size()) names += " and " + std::to_string(lone.size() - shown) + " more";
+    vm.warn((lone.size() == 1 ? "vertex " + names + " has" : "vertices " + names + " have") +
+            " no edges: loopy belief propagation gives no meaningful log partition function (LNZ) or objective "
+            "with a vertex without edges; use ALG JT, or a graph that covers every column");
+}
+
 }  // namespace engine_detail
 
 template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t::getIA() {
@@ -65,6 +90,7 @@ template <typename idx_t, typename val_t> InferenceAlgorithm<idx_t, val_t>* vm_t
         const size_t inf = get(INF);
         switch (inf) {
         case LBP: {
+            engine_detail::warnIsolated(*this, io);
             QZ::LBP<idx_t, val_t>* ia = new QZ::LBP<idx_t, val_t>(io->G, io->Y, random_engine, io->w, getB(TRE));
             ia->setMaxIter(mil);
             ia->setEpsilon((val_t)getR(EPL));

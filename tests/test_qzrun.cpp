@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <cstring>
+#include <limits>
 #include <cstdlib>
 #include <string>
 
@@ -271,4 +273,44 @@ TEST(Qzrun, SecondInterruptEndsWithOneLine) {
     const std::string e = readFile(err);
     EXPECT_EQ(e.rfind("error at line ", 0), 0u) << e;
     EXPECT_NE(e.find(": interrupted\n"), std::string::npos) << e;
+}
+
+// Warnings of the library come on stderr, one line each with the program
+// line, whether stderr is a terminal or not, and the run goes on.
+TEST(Qzrun, WarningsOfTheLibraryArePrinted) {
+    const std::string vote = std::string(QZ_SOURCE_DIR) + "/examples/data/vote.csv";
+    const std::string p = program("warn", "DFN '" + vote +
+                                              "'\nLDX DPT;\nGRA ELEMGM;\nPEL 0.05\nLDX GPT;\nMODEL;\nALG LBP;\n"
+                                              "INFER;\nGRA CLIQUES;\nLDX GPT;\nKXX 40\nMODEL;\n");
+    const Result r = qzrun({p, "-p", "GEX"}, "warn");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "GEX=0\n");
+    EXPECT_EQ(r.err.rfind("warning at line 8: vertices 0 (handicapped-infants), ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find("use ALG JT, or a graph that covers every column\n"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("\nwarning at line 12: KXX is above the number of vertices"), std::string::npos) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 2) << r.err;
+}
+
+// A result that is not a finite number is reported after the instruction
+// that left it, naming the register: here a model file whose last weight is
+// infinite.
+TEST(Qzrun, NonFiniteResultsAreReported) {
+    const std::string t = tmpPath("qzrun_inf.csv");
+    writeFile(t, "a,b\n0,0\n0,0\n1,1\n0,1\n");
+    const std::string m = tmpPath("qzrun_inf.qzm");
+    const std::string store = program("inf_store", "DFN '" + t + "'\nLDX DPT;\nGRA CHAIN;\nLDX GPT;\nMODEL;\n"
+                                      "OVW true\nMFN '" + m + "'\nSTORE MPT;\nALG JT;\nINFER;\n");
+    const Result ok = qzrun({store, "-p", "LNZ"}, "inf_store");
+    ASSERT_EQ(ok.code, 0) << ok.err;
+    EXPECT_EQ(ok.err, "");
+    std::string bytes = readFile(m);
+    const double inf = std::numeric_limits<double>::infinity();
+    ASSERT_GE(bytes.size(), sizeof(inf));
+    std::memcpy(&bytes[bytes.size() - sizeof(inf)], &inf, sizeof(inf));
+    writeFile(m, bytes);
+    const std::string load = program("inf", "MFN '" + m + "'\nLDX MPT;\nALG JT;\nINFER;\n");
+    const Result r = qzrun({load, "-p", "LNZ"}, "inf");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "LNZ=inf\n");
+    EXPECT_EQ(r.err, "warning at line 4: INFER left LNZ = inf, which is not a finite number\n");
 }

@@ -367,9 +367,10 @@ TEST(STRFModel, OneSliceLeavesTheWeightsEqualToTheIncrements) {
     }
 }
 
-TEST(STRFModel, SlicesWithFewerStatesLeaveThoseStatesOut) {
-    // Vertex 1 has three states in slice 0 and two in the later slices: the
-    // third state of an edge at time 0 has no counterpart later.
+TEST(STRFModel, SlicesWithOtherStateCountsReadIncrementsByTheLaterEdgesCounts) {
+    // Vertex 1 has three states in slice 0 and two in the later slices: an
+    // edge at a later time reads its increments of time 0 in the block of its
+    // copy there, at the places its own state counts give (Y[t] * x + y).
     STModel M(2, {{0, 1}}, 3, {2, 2}, 8);
     M.Y = {2, 3, 2, 2, 2, 2};
     M.layout();

@@ -296,6 +296,37 @@ TEST(ConvertModel, OneSliceLeavesTheModelAlone) {
     EXPECT_EQ(model(c)->H, nullptr);
 }
 
+// A model whose arrays fit the derived graph (as many vertices and edges,
+// blocks of the same sizes in the same order) simply goes on over it: the
+// junction tree of a binary chain has the chain's three vertices and two
+// blocks of four. Its log partition function is that of the model's weights
+// read over the new graph's edges.
+TEST(ConvertModel, AModelThatFitsTheDerivedGraphGoesOn) {
+    const std::string bin = csvFile("conv_bin3", "a,b,c\n0,0,0\n0,1,0\n1,1,0\n1,0,1\n0,0,1\n");
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"DFN '" + bin + "'", "LDX DPT;", "GRA CHAIN;", "LDX GPT;", "MODEL;", "JUNCTIONTREE;",
+                             "ALG JT;", "INFER;"}));
+    EXPECT_EQ(reg(c, "GRA"), (size_t)vm_t::JTG);
+    EXPECT_DOUBLE_EQ(regR(c, "LNZ"), 3 * std::log(2.0));
+
+    ASSERT_TRUE(runLines(c, {"SEED 4", "SDE 1.0", "INITGAUSS;", "INFER;"}));
+    const IOd* io = model(c);
+    const QZ::AbstractGraph<I>* G = io->G;
+    ASSERT_EQ(G->vertices(), 3u);
+    ASSERT_EQ(G->edges(), 2u);
+    double Z = 0;
+    for (size_t x = 0; x < 8; ++x) {
+        double r = 0;
+        for (I e = 0, off = 0; e < G->edges(); ++e, off += 4) {
+            I s, t;
+            G->edge(e, s, t);
+            r += io->w[off + 2 * ((x >> s) & 1) + ((x >> t) & 1)];
+        }
+        Z += std::exp(r);
+    }
+    EXPECT_NEAR(regR(c, "LNZ"), std::log(Z), 1e-12);
+}
+
 // ---------------------------------------------------------------- dispatch and dry pass
 
 TEST(ConvertDispatch, EachIndexTypeGetsItsOwnTree) {

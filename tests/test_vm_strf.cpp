@@ -265,3 +265,40 @@ TEST(VmSTRFExample, TheScriptWritesTheTableOfTheExample) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(readFile(out), readFile(std::string(QZ_SOURCE_DIR) + "/examples/data/river.csv"));
 }
+
+// Columns coded apart (no shared dictionary): b has two states at time 0 and
+// three at time 1. The edge a1-b1 reads its increments of time 0 in the block
+// of a0-b0 at the places its own three states of b give, which is how the log
+// partition function of the model comes out.
+TEST(VmSTRF, SlicesCodedApartReadIncrementsByTheLaterEdgesStates) {
+    std::string text = "a0,b0,a1,b1\nx,p,x,p\n";
+    const char* b1[] = {"p", "q", "r"};
+    for (size_t r = 0; r < 30; ++r)
+        text += std::string(r % 2 ? "x" : "y") + "," + (r % 3 ? "p" : "q") + "," + (r % 5 ? "x" : "y") + "," +
+                b1[r % 3] + "\n";
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"SEED 11", "DFN '" + csvFile("vmstrf_apart", text) + "'", "LDX DPT;", "TXX 2",
+                             "GRA CHAIN;", "LDX GPT;", "STGRAPH;", "REP STLINEAR;", "MODEL;", "SDE 1.0",
+                             "INITGAUSS;", "ALG JT;", "INFER;"}));
+    const IOd* io = model(c);
+    ASSERT_EQ(io->G->vertices(), 4u);
+    EXPECT_EQ(io->Y[1], 2u);
+    EXPECT_EQ(io->Y[3], 3u);
+    const Layout<I> L(*io->G, io->Y);
+    const Ties<I> ties(L, 2);
+    // At least one edge at time 1 reads a block of other state counts.
+    bool other = false;
+    for (size_t e = 0; e < L.ends.size(); ++e)
+        if (ties.time[e] == 1) {
+            const size_t f = ties.atTime[e][0];
+            other = other || L.Y[L.ends[f].second] != L.Y[L.ends[e].second];
+        }
+    ASSERT_TRUE(other);
+    const std::vector<double> w = Composition<I>(L, ties, vm_t::STRF_LI).weights(weights(c));
+    std::vector<double> vm, em;
+    double logZ = 0;
+    enumerate(L, w, vm, em, logZ);
+    EXPECT_NEAR(regR(c, "LNZ"), logZ, 1e-9);
+    const std::vector<double> p = marginals(c);
+    for (size_t i = 0; i < vm.size(); ++i) EXPECT_NEAR(p[i], vm[i], 1e-9) << i;
+}

@@ -12,6 +12,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <random>
@@ -407,4 +408,144 @@ TEST(ModelSearch, LearnedModelStoresAndReadsBack) {
               std::vector<unsigned long>(io->woff, io->woff + io->odim));
     EXPECT_EQ(std::vector<double>(back->E, back->E + back->sdim), std::vector<double>(io->E, io->E + io->sdim));
     EXPECT_EQ(std::vector<double>(back->w, back->w + back->dim), std::vector<double>(io->w, io->w + io->dim));
+}
+
+namespace {
+
+std::vector<std::string> warnings;
+void recordWarning(size_t, size_t, const char* text) {
+    const std::string s = text;
+    if (s.rfind("warning: ", 0) == 0) warnings.push_back(s.substr(9));
+}
+
+bool anyWarningWith(const std::string& part) {
+    for (const std::string& w : warnings)
+        if (w.find(part) != std::string::npos) return true;
+    return false;
+}
+
+}  // namespace
+
+// The exhaustive clique search keeps the vertex part of its subset layout:
+// the singletons ranked from the last vertex down. With a (2 states) and b
+// (3 states), b's counts come first and vertex 1's block starts at 3.
+TEST(ModelSearch, CliquesKeepTheSubsetOrderOfTheVertexCounts) {
+    // The reader drops the line after the header.
+    const std::string table = csvFile("struct_ab", "a,b\ny,r\nx,p\ny,q\nx,r\ny,p\nx,p\n");
+    const std::string file = tmpPath("struct_ab.qzm");
+    std::remove(file.c_str());
+    Ctx c;
+    ASSERT_TRUE(runLines(c, {"DFN '" + table + "'", "LDX DPT;", "GRA CLIQUES;", "KXX 2", "LDX GPT;", "MODEL;",
+                             "MFN '" + file + "'", "STORE MPT;"}));
+    const IOd* io = model(c);
+    ASSERT_EQ(io->G->edges(), 1u);
+    EXPECT_EQ(io->woff[0], 0u);
+    EXPECT_EQ(io->woff[1], 3u);
+    EXPECT_EQ(io->woff[2], 5u);
+    // Counts of the five rows: a x3 y2; b (codes p, q, r by first appearance) 3, 1, 1.
+    const std::vector<double> vertexPart{3, 1, 1, 3, 2};
+    // The pair's block, a's state by b's: (x,p) 2, (x,q) 0, (x,r) 1, (y,p) 1, (y,q) 1, (y,r) 0.
+    const std::vector<double> pairPart{2, 0, 1, 1, 1, 0};
+    std::vector<double> E = vertexPart;
+    E.insert(E.end(), pairPart.begin(), pairPart.end());
+    ASSERT_EQ((size_t)io->sdim, E.size());
+    for (size_t i = 0; i < E.size(); ++i) EXPECT_EQ(io->E[i], E[i]) << i;
+    // The file ends with the statistics and then the six zero weights.
+    const std::string bytes = readFile(file);
+    ASSERT_GE(bytes.size(), 17 * sizeof(double));
+    std::vector<double> stored(17);
+    std::memcpy(stored.data(), bytes.data() + bytes.size() - 17 * sizeof(double), 17 * sizeof(double));
+    for (size_t i = 0; i < E.size(); ++i) EXPECT_EQ(stored[i], E[i]) << i;
+    for (size_t i = E.size(); i < 17; ++i) EXPECT_EQ(stored[i], 0.0) << i;
+}
+
+// KXX far above the number of columns ends at once with no clique, in every
+// index width: there are no subsets of that size.
+TEST(ModelSearch, CliquesFarAboveTheColumnsEndAtOnce) {
+    for (const char* idx : {"UINT64", "UINT8"}) {
+        for (const char* k : {"KXX 4294967296", "KXX 256", "KXX 4"}) {
+            Ctx c;
+            wreg(c, "CBP", (size_t)&recordWarning);
+            warnings.clear();
+            ASSERT_TRUE(runLines(c, {std::string("idx_t ") + idx, "DFN '" + copiesTable("small", 3, 20) + "'",
+                                     "LDX DPT;", "GRA CLIQUES;", "LDX GPT;", k, "MODEL;"}))
+                << idx << " " << k;
+            EXPECT_EQ(reg(c, "GEX"), 0u) << idx << " " << k;
+            EXPECT_TRUE(std::isnan(regR(c, "RES"))) << idx << " " << k;
+            EXPECT_TRUE(anyWarningWith("KXX is above the number of vertices")) << idx << " " << k;
+        }
+    }
+}
+
+// An interrupt during the entropies ends the search with no clique taken.
+namespace {
+void interruptAtEntropies(size_t done, size_t total, const char* text) {
+    recordWarning(done, total, text);
+    if (std::string(text) == "ENT  ") __run = false;
+}
+}  // namespace
+
+TEST(ModelSearch, CliquesStopOnAnInterrupt) {
+    Ctx c;
+    wreg(c, "CBP", (size_t)&interruptAtEntropies);
+    warnings.clear();
+    const bool ok = runLines(c, loadVote("CLIQUES") + std::vector<std::string>{"KXX 3", "MODEL;"});
+    __run = true;
+    ASSERT_TRUE(ok);
+    EXPECT_EQ(reg(c, "GEX"), 0u);
+    EXPECT_TRUE(std::isnan(regR(c, "RES")));
+    EXPECT_TRUE(anyWarningWith("the clique search was interrupted"));
+}
+
+// Ten independent columns of 16 states: the random search's acceptance decays
+// away before every column has joined. The partial graph is kept, RES is not
+// a number, and a warning says how many joined and what to try.
+TEST(ModelSearch, RandomCliquesThatGiveUpSaySo) {
+    std::mt19937 g(5);
+    std::ostringstream t;
+    for (size_t c = 0; c < 10; ++c) t << (c ? "," : "") << "c" << c;
+    t << "\n";
+    for (size_t c = 0; c < 10; ++c) t << (c ? "," : "") << "s0";
+    t << "\n";
+    for (size_t i = 0; i < 500; ++i) {
+        for (size_t c = 0; c < 10; ++c) t << (c ? "," : "") << "s" << g() % 16;
+        t << "\n";
+    }
+    Ctx c;
+    wreg(c, "CBP", (size_t)&recordWarning);
+    warnings.clear();
+    ASSERT_TRUE(runLines(c, {"SEED 3", "DFN '" + csvFile("struct_indep16", t.str()) + "'", "LDX DPT;",
+                             "GRA RNDCLIQUES;", "LDX GPT;", "KXX 2", "MODEL;"}));
+    EXPECT_LT(reg(c, "GEX"), 9u);
+    EXPECT_FALSE(connected(10, edgeList(*model(c)->G)));
+    EXPECT_TRUE(std::isnan(regR(c, "RES")));
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_NE(warnings[0].find("RNDCLIQUES gave up with "), std::string::npos) << warnings[0];
+    EXPECT_NE(warnings[0].find(" of 10 vertices joined"), std::string::npos) << warnings[0];
+    EXPECT_NE(warnings[0].find("try a larger KXX or another SEED"), std::string::npos) << warnings[0];
+}
+
+// Loopy belief propagation on a learned graph that leaves columns without
+// edges: INFER says which, and what to use instead.
+TEST(ModelSearch, IsolatedVerticesUnderLoopyBeliefPropagationAreNamed) {
+    Ctx c;
+    wreg(c, "CBP", (size_t)&recordWarning);
+    warnings.clear();
+    ASSERT_TRUE(runLines(c, loadVote("ELEMGM") + std::vector<std::string>{"PEL 0.05", "MODEL;"}));
+    EXPECT_TRUE(warnings.empty());
+    std::vector<size_t> lone;
+    const IOd* io = model(c);
+    for (unsigned long v = 0; v < 17; ++v)
+        if (io->G->num_neighbors(v) == 0) lone.push_back(v);
+    ASSERT_FALSE(lone.empty());
+    ASSERT_TRUE(runLines(c, {"ALG LBP;", "INFER;"}));
+    ASSERT_EQ(warnings.size(), 1u);
+    const std::string& w = warnings[0];
+    EXPECT_EQ(w.rfind("vertices " + std::to_string(lone[0]) + " (" + (*io->Xnames)[lone[0]] + "), ", 0), 0u) << w;
+    EXPECT_NE(w.find("use ALG JT, or a graph that covers every column"), std::string::npos) << w;
+    // The exact engine has nothing to say.
+    warnings.clear();
+    ASSERT_TRUE(runLines(c, {"ALG JT;", "INFER;"}));
+    EXPECT_TRUE(warnings.empty());
+    EXPECT_TRUE(std::isfinite(regR(c, "LNZ")));
 }

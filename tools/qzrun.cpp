@@ -41,8 +41,20 @@ void usage() {
                  "  -p REG        print a register after the run\n";
 }
 
-// Draws one progress line on stderr, only for a terminal.
+size_t lineOfContext();
+void endProgress();
+
+// Draws one progress line on stderr, only for a terminal. A warning of the
+// library (a text that starts with "warning: ") is printed on a line of its
+// own whatever stderr is, with the program line it comes from.
 void progress(size_t done, size_t total, const char* text) {
+    static const char kWarning[] = "warning: ";
+    if (text != nullptr && std::strncmp(text, kWarning, sizeof(kWarning) - 1) == 0) {
+        endProgress();
+        std::fprintf(stderr, "warning at line %zu: %s\n", lineOfContext(), text + sizeof(kWarning) - 1);
+        std::fflush(stderr);
+        return;
+    }
     if (!g_stderrTty) return;
     const double pct = total ? 100.0 * (double)done / (double)total : 100.0;
     std::fprintf(stderr, "\r%-12s %zu/%zu %5.1f%%", text ? text : "", done, total, pct);

@@ -99,8 +99,10 @@ template <typename idx_t> struct Ties {
 };
 
 // The Jacobian of the weights by the increments as (weight, increment,
-// coefficient) terms. A joint state that a tied edge does not have (a slice
-// with fewer states) has no increment there.
+// coefficient) terms. The increment of joint state (x, y) of edge e at the
+// earlier time k lies in the block of e's copy at time k, at the place that
+// e's own state counts give it (Y[t] * x + y), also where that copy has other
+// state counts: then it is some other cell of the weights.
 template <typename idx_t> struct Composition {
     std::vector<std::tuple<size_t, size_t, double>> terms;
     size_t d;
@@ -112,9 +114,7 @@ template <typename idx_t> struct Composition {
                 for (size_t y = 0; y < L.Y[p.second]; ++y)
                     for (size_t k = 0; k <= ties.time[e]; ++k) {
                         const size_t f = ties.atTime[e][k];
-                        const auto q = L.ends[f];
-                        if (x >= L.Y[q.first] || y >= L.Y[q.second]) continue;
-                        terms.emplace_back(L.index(e, x, y), L.index(f, x, y),
+                        terms.emplace_back(L.index(e, x, y), L.off[f] + L.Y[p.second] * x + y,
                                            decayLaw(law, (double)k, (double)ties.time[e]));
                     }
         }
