@@ -489,7 +489,7 @@ class Context:
         ctx.table, ctx.coding        the codes in host memory, the DataFrame's coding
 
     Programs and registers:
-        ctx.run("GRA CHOWLIU;\nLDX GPT;\nMODEL;\nALG JT;\nALG FL1;\nESTIMATE;")
+        ctx.run("GRA CHOWLIU;\\nLDX GPT;\\nMODEL;\\nALG JT;\\nALG FL1;\\nESTIMATE;")
         ctx["MIO"] = 100; ctx["RES"]  registers by name, typed by their kind:
             REAL float, INTEGER int, BOOL bool, CHAR one character,
             STRING str (None when unset), POINTER int address (0 for null)
@@ -922,7 +922,12 @@ class Context:
     def _load_frame(self, frame):
         from . import _frame
 
-        names = self._model_names() if self["MPT"] else None
+        names = None
+        if self["MPT"]:
+            try:
+                names = self._model_names()
+            except QZError:  # a container with no graph, or under another IDX and VAL: nothing to code by
+                names = None
         if names is not None:
             coding, codes = _frame.code_frame_for_model(frame, names)
         else:

@@ -4,9 +4,8 @@ import itertools
 import os
 
 import numpy as np
+import pandas as pd
 import pytest
-
-pd = pytest.importorskip("pandas")
 
 import qz
 from conftest import REPO, enumerate_model

@@ -6,14 +6,10 @@ import subprocess
 import sys
 import typing
 
-import numpy as np
-import pytest
-
-pytest.importorskip("matplotlib")
-pytest.importorskip("networkx")
-pd = pytest.importorskip("pandas")
-
 import matplotlib
+import numpy as np
+import pandas as pd
+import pytest
 
 matplotlib.use("Agg")
 import matplotlib.image
