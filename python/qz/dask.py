@@ -52,7 +52,6 @@ from typing import Any, List, Optional, Sequence, Tuple, Union
 import numpy as np
 
 import dask
-import dask.dataframe as dd
 from dask import delayed
 
 from . import _frame
@@ -226,12 +225,13 @@ def load_statistics(
     names, an unknown graph kind, and a value that a second pass over a
     changing source finds outside the dictionary.
     """
-    if not isinstance(df, dd.DataFrame):
+    # Any Dask DataFrame: its partitions as delayed objects, and an empty pandas frame of its columns.
+    meta = getattr(df, "_meta", None)
+    if not hasattr(df, "to_delayed") or not _frame.is_dataframe(meta):
         raise TypeError("load_statistics takes a dask.dataframe.DataFrame, not %s" % type(df).__name__)
     if int(split_every) < 2:
         raise ValueError("split_every adds at least 2 partial counts at a time, not %r" % (split_every,))
     ctx._check_changeable()
-    meta = df._meta
     labels = list(meta.columns)
     _frame.check_columns(meta)
     kinds = _frame.column_kinds(meta)

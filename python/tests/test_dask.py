@@ -172,6 +172,8 @@ def test_bad_tables_are_clear_errors(client, complete_votes):
             qz.dask.load_statistics(ctx, split(wide, [0, 300]), graph="CLIQUES")
         with pytest.raises(TypeError, match="'f'"):
             qz.dask.load_statistics(ctx, dd.from_pandas(pd.DataFrame({"f": [0.5, 1.5]}), npartitions=1))
+        with pytest.raises(TypeError, match="dask.dataframe.DataFrame"):
+            qz.dask.load_statistics(ctx, wide)
         with pytest.raises(qz.QZError, match="'nope'"):
             qz.dask.load_statistics(ctx, split(wide, [0, 300]), graph=[("a", "nope")])
         assert not ctx.wedged
