@@ -1112,7 +1112,8 @@ class Context:
     def _set_statistics(self, counts, rows):
         """Replace the statistics of the loaded model by counts (uint64) counted from rows rows."""
         self._check_changeable()
-        counts = np.ascontiguousarray(counts, dtype=np.uint64)
+        # The library reads whole 64-bit words: an array unpickled from a buffer may sit at any offset.
+        counts = np.require(counts, dtype=np.uint64, requirements=["C", "A"])
         status = self._lib.host.qzhost_set_statistics(self._ctx, counts.ctypes.data_as(_lib._u64_p), counts.size, rows)
         if status == 0:
             raise self._refused() if self.running else QZError("no model loaded")

@@ -141,7 +141,7 @@ def _set_graph(ctx, gra, edges, columns):
         ctx["GRA"] = _FILE
         ctx["GVX"] = columns
         ctx["GEX"] = len(edges)
-        ctx["EAP"] = np.ascontiguousarray(edges, dtype=_INDEX_DTYPES[int(ctx["IDX"])])
+        ctx["EAP"] = np.require(edges, dtype=_INDEX_DTYPES[int(ctx["IDX"])], requirements=["C", "A"])
     else:
         ctx["EAP"] = None
         ctx["GRA"] = gra
