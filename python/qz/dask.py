@@ -72,7 +72,7 @@ def partition_seed(seed: int, number: int) -> int:
     return int(np.random.SeedSequence([int(seed), int(number)]).generate_state(1, dtype=np.uint32)[0])
 
 
-class _Spec:
+class _Job:
     """What a worker needs to count a partition as the client's context would: picklable and small."""
 
     def __init__(self, labels, kinds, shared, limit, registers, gra, edges):
@@ -85,38 +85,38 @@ class _Spec:
         self.edges = edges  # for GRA FILE: an (m, 2) array of vertex numbers
 
 
-def _check_partition(part, number, spec):
+def _check_partition(part, number, job):
     labels = list(part.columns)
-    if len(labels) != len(spec.labels):
+    if len(labels) != len(job.labels):
         raise QZError(
             "partition %d has %d columns, but the table has %d (%s)"
-            % (number, len(labels), len(spec.labels), ", ".join(map(str, spec.labels)))
+            % (number, len(labels), len(job.labels), ", ".join(map(str, job.labels)))
         )
-    if labels != spec.labels:
-        raise QZError("partition %d has the columns %s, but the table has %s" % (number, labels, spec.labels))
+    if labels != job.labels:
+        raise QZError("partition %d has the columns %s, but the table has %s" % (number, labels, job.labels))
 
 
-def _distinct(part, number, spec):
+def _distinct(part, number, job):
     """The distinct values of a partition's columns, at most limit + 1 each (more are an error anyway)."""
-    _check_partition(part, number, spec)
+    _check_partition(part, number, job)
     _frame.column_kinds(part)
-    values = _frame.distinct_values(part, spec.shared)
-    return [v[: spec.limit + 1] for v in values]
+    values = _frame.distinct_values(part, job.shared)
+    return [v[: job.limit + 1] for v in values]
 
 
-def _count(part, number, dictionaries, spec):
+def _count(part, number, dictionaries, job):
     """(rows, counts) of one partition, counted by MODEL in a context of its own; (0, None) if it is empty."""
-    _check_partition(part, number, spec)
+    _check_partition(part, number, job)
     if len(part) == 0:
         return 0, None
-    coding = _frame.coding_of(part, dictionaries, _frame.column_kinds(part), spec.shared)
+    coding = _frame.coding_of(part, dictionaries, _frame.column_kinds(part), job.shared)
     codes = _frame.encode(part, coding)
-    regs = spec.registers
+    regs = job.registers
     with Context(seed=partition_seed(regs["SEED"], number), progress=None) as ctx:
         for name in ("IDX", "VAL", "TXX", "CEN", "REP"):
             ctx[name] = regs[name]
         ctx._install_table(codes, coding)
-        _set_graph(ctx, spec.gra, spec.edges, len(spec.labels))
+        _set_graph(ctx, job.gra, job.edges, len(job.labels))
         ctx.run("LDX GPT;\nMODEL;")
         counts = ctx.statistics().counts
     return len(part), counts
@@ -147,7 +147,7 @@ def _set_graph(ctx, gra, edges, columns):
         ctx["GRA"] = gra
 
 
-def _graph_spec(graph, labels):
+def _graph_kind(graph, labels):
     """(GRA value asked for, GRA value counted, edges or None) for load_statistics's graph argument."""
     if isinstance(graph, str):
         name = graph.upper()
@@ -235,7 +235,7 @@ def load_statistics(
     labels = list(meta.columns)
     _frame.check_columns(meta)
     kinds = _frame.column_kinds(meta)
-    gra, counted, edges = _graph_spec(graph, labels)
+    gra, counted, edges = _graph_kind(graph, labels)
     if int(ctx["TXX"]) != 1:
         raise QZError("qz.dask counts models of one time slice (TXX 1), not %d" % ctx["TXX"])
     if gra == 7 and not 0.0 <= ctx["PEL"] <= 1.0:
@@ -243,15 +243,15 @@ def load_statistics(
     shared = bool(ctx["YYC"])
     limit = _frame.max_states(ctx["IDX"])
     registers = {name: ctx[name] for name in ("IDX", "VAL", "TXX", "CEN", "REP", "SEED")}
-    spec = _Spec(labels, kinds, shared, limit, registers, counted, edges)
+    job = _Job(labels, kinds, shared, limit, registers, counted, edges)
 
     parts = df.to_delayed()
-    distinct = dask.compute(*[delayed(_distinct, pure=True)(p, i, spec) for i, p in enumerate(parts)])
+    distinct = dask.compute(*[delayed(_distinct, pure=True)(p, i, job) for i, p in enumerate(parts)])
     dictionaries = _frame.merge(list(distinct), limit, _frame.message_labels(meta, shared))
     coding = _frame.coding_of(meta, dictionaries, kinds, shared)
 
     shipped = delayed(dictionaries, pure=True, traverse=False)
-    partial = [delayed(_count, pure=True)(p, i, shipped, spec) for i, p in enumerate(parts)]
+    partial = [delayed(_count, pure=True)(p, i, shipped, job) for i, p in enumerate(parts)]
     rows, counts = _tree(partial, int(split_every)).compute()
 
     _build_container(ctx, coding, gra, counted, edges, rows, counts)
