@@ -15,8 +15,19 @@
 // kind of each register, and the layout of the loaded model (states per
 // vertex, edges, weights) that is needed to cut the marginals array of INFER
 // into vertex and edge tables.
+//
+// A host with tables of named values (a pandas DataFrame) codes them itself
+// and needs a table that carries the names of its columns and states into
+// the model, as the CSV reader's tables do, over cells that stay in host
+// memory, as the numeric host table behind EDP does. It also needs the
+// names back, the texts PREDICT writes into cells, and the sufficient
+// statistics of a model: read, so that partial counts made elsewhere can be
+// added up, and written, so that their sum stands in a container as if
+// MODEL had counted the whole table, followed by the library's own structure
+// learners on it.
 #include <vm_wrapper>
 #include <QZ/QZMISC>
+#include <QZ/QZDATA>
 #include <QZ/QZGRAPH>
 #include <QZ/QZIO>
 
@@ -24,12 +35,17 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
+#include <map>
+#include <new>
 #include <string>
 #include <typeinfo>
+#include <vector>
 
 namespace {
 
@@ -141,6 +157,120 @@ struct Layout {
     }
 };
 
+// A table whose cells are the host's: the library reads and writes them in
+// place and never frees them. Its states are not locked, so that columns
+// added later (INITLATENT) get names as in a table read from text.
+class HostNamedTable : public QZ::CategoricalData {
+public:
+    HostNamedTable(char missing, bool shared) : CategoricalData(true, missing, shared, nullptr) { myData = false; }
+    void read(std::istream&) override {}
+};
+
+void appendStates(QZ::CategoricalData& D, const char* const* names, size_t count) {
+    auto* map = new std::map<std::string, size_t>();
+    D.states.push_back(map);
+    auto* list = new std::vector<std::string>();
+    D.statesInv.push_back(list);
+    for (size_t x = 0; x < count; ++x) {
+        std::string name = names != nullptr ? std::string(names[x]) : std::to_string(x);
+        (*map)[name] = x;
+        list->push_back(std::move(name));
+    }
+}
+
+// The statistics of the model in MPT as whole numbers, or written from them.
+// Only the layout of MODEL over a graph (vertex blocks, then edge blocks) is
+// taken: the subset layout of the clique search has other offsets.
+struct Statistics {
+    vm_t& vm;
+    size_t* sdim;
+    size_t* rows;
+    uint64_t* out;
+    const uint64_t* in;
+    int status = 0;
+
+    template <typename idx_t, typename val_t> void operator()() {
+        auto* io = static_cast<QZ::IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+        if (!isObject(io) || io->G == nullptr || io->E == nullptr || io->woff == nullptr) return;
+        const size_t V = (size_t)io->G->vertices(), M = (size_t)io->G->edges();
+        if ((size_t)io->odim != V + M + 1 || (size_t)io->woff[V + M] != (size_t)io->sdim) {
+            status = -1;
+            return;
+        }
+        if (in != nullptr) {
+            if (*sdim != (size_t)io->sdim) {
+                status = -1;
+                return;
+            }
+            // Counts enter val_t as MODEL's increments leave them: modulo
+            // the width of an unsigned type, rounded in a floating one.
+            for (size_t i = 0; i < *sdim; ++i) io->E[i] = (val_t)in[i];
+            io->num_instances = *rows == 0 ? (idx_t)1 : (idx_t)*rows;
+        } else {
+            *sdim = (size_t)io->sdim;
+            *rows = (size_t)io->num_instances;
+            if (out != nullptr)
+                for (size_t i = 0; i < *sdim; ++i) out[i] = toCount(io->E[i]);
+        }
+        status = 1;
+    }
+
+    template <typename val_t> static uint64_t toCount(val_t x) {
+        if (std::numeric_limits<val_t>::is_integer) return (uint64_t)x;
+        if (!(x > 0)) return 0;
+        return x >= 18446744073709551615.0 ? ~(uint64_t)0 : (uint64_t)x;
+    }
+};
+
+// The structure learners that MODEL runs for CHOWLIU and ELEMGM, on the
+// counts of the container in MPT over the complete graph.
+struct Learner {
+    vm_t& vm;
+    int kind;
+    bool found = false;
+
+    template <typename idx_t, typename val_t> void operator()() {
+        auto* io = static_cast<QZ::IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+        if (!isObject(io) || io->G == nullptr || io->E == nullptr) return;
+        const size_t V = (size_t)io->G->vertices();
+        if ((size_t)io->G->edges() != V * (V - 1) / 2)
+            throw std::logic_error("the structure learners start from the counts of the complete graph");
+        found = true;
+        auto cbp = reinterpret_cast<void (*)(size_t, size_t, const char*)>(vm.getP(vm_t::CBP));
+        if (kind == vm_t::CHOWLIU)
+            io->buildChowLiu(cbp);
+        else
+            io->buildElemGM(vm.getR(vm_t::PEL), cbp);
+        vm.set(vm_t::GPT, (void*)io->G);
+        vm.set(vm_t::RES, -1.0);
+    }
+};
+
+// The names of the model in MPT, each followed by a zero byte: per vertex
+// its name, then its state names.
+struct Names {
+    vm_t& vm;
+    std::string blob;
+    bool found = false;
+
+    template <typename idx_t, typename val_t> void operator()() {
+        auto* io = static_cast<const QZ::IO<idx_t, val_t>*>(vm.getP(vm_t::MPT));
+        if (!isObject(io) || io->G == nullptr || io->Xnames == nullptr || io->Ynames == nullptr || io->Y == nullptr)
+            return;
+        const size_t V = (size_t)io->G->vertices();
+        if (io->Xnames->size() < V || io->Ynames->size() < V) return;
+        for (size_t v = 0; v < V; ++v) {
+            const std::vector<std::string>* states = io->Ynames->at(v);
+            if (states == nullptr || states->size() < (size_t)io->Y[v]) return;
+        }
+        for (size_t v = 0; v < V; ++v) {
+            blob.append(io->Xnames->at(v)).push_back('\0');
+            for (size_t x = 0; x < (size_t)io->Y[v]; ++x) blob.append(io->Ynames->at(v)->at(x)).push_back('\0');
+        }
+        found = true;
+    }
+};
+
 }  // namespace
 
 extern "C" {
@@ -209,6 +339,110 @@ int qzhost_model_layout(void* ctx, size_t* n, size_t* m, size_t* dim, size_t* Y,
     Layout L{*vm, n, m, dim, Y, edges, w};
     vm->dispatch(L);
     return L.found ? 1 : 0;
+}
+
+// A table over the host's row-major cells (n columns, N rows, 65535 for a
+// missing cell) with the given column names and, per column, counts[c] state
+// names taken in turn from names (codes are positions in these lists). Null
+// names give the decimal names 0, 1, ... With shared, all columns use the
+// states of column 0, as YYC makes the readers do. The result goes into DPT,
+// which then owns it; null if it could not be made.
+void* qzhost_table_new(unsigned short* data, size_t N, size_t n, const char* const* columns, const size_t* counts,
+                       const char* const* names, int shared, char missing) {
+    HostNamedTable* D = nullptr;
+    try {
+        D = new HostNamedTable(missing, shared != 0);
+        D->data = data;
+        D->N = N;
+        D->n = n;
+        size_t pos = 0;
+        for (size_t c = 0; c < n; ++c) {
+            D->header.push_back(columns != nullptr ? std::string(columns[c]) : "X" + std::to_string(c));
+            D->added.push_back(false);
+            const size_t k = shared != 0 && c > 0 ? 0 : counts[c];
+            appendStates(*D, names != nullptr ? names + pos : nullptr, k);
+            pos += k;
+        }
+        return D;
+    } catch (...) {
+        delete D;
+        return nullptr;
+    }
+}
+
+// Frees a table of qzhost_table_new that no context took.
+void qzhost_table_free(void* table) { delete static_cast<QZ::CategoricalData*>(table); }
+
+// The text that PREDICT (with PPX) wrote into cell (row, col) of the table in
+// DPT, copied into buf; its length, or -1 if the cell has none. 0 for a text
+// that is empty, and for a context that runs.
+long qzhost_table_text(void* ctx, size_t row, size_t col, char* buf, size_t cap) {
+    vm_t* vm = static_cast<vm_t*>(ctx);
+    if (vm->running()) return -1;
+    const auto* D = static_cast<const QZ::CategoricalData*>(vm->getP(vm_t::DPT));
+    if (!isObject(D)) return -1;
+    auto it = D->customStrings.find(std::make_pair(row, col));
+    if (it == D->customStrings.end()) return -1;
+    copyOut(it->second, buf, cap);
+    return (long)it->second.size();
+}
+
+// The statistics of the model in MPT: sdim entries as whole numbers into
+// counts (null to ask for the sizes only) and the rows they were counted
+// from. 1 on success; 0 with no model under IDX and VAL, or while the context
+// runs; -1 for a model whose statistics are not laid out by vertices and
+// edges (a clique search's).
+int qzhost_model_statistics(void* ctx, size_t* sdim, size_t* rows, uint64_t* counts) {
+    vm_t* vm = static_cast<vm_t*>(ctx);
+    if (vm->running()) return 0;
+    Statistics S{*vm, sdim, rows, counts, nullptr};
+    vm->dispatch(S);
+    return S.status;
+}
+
+// Replaces the statistics of the model in MPT by sdim whole numbers, counted
+// from rows rows (the container keeps at least 1). 1 on success; 0 as above;
+// -1 if sdim is not the model's.
+int qzhost_set_statistics(void* ctx, const uint64_t* counts, size_t sdim, size_t rows) {
+    vm_t* vm = static_cast<vm_t*>(ctx);
+    if (vm->running()) return 0;
+    Statistics S{*vm, &sdim, &rows, nullptr, counts};
+    vm->dispatch(S);
+    return S.status;
+}
+
+// Runs the structure learner of kind (GRA's value CHOWLIU or ELEMGM, with
+// PEL) on the model in MPT, which must hold the counts of the complete
+// graph, as MODEL does after counting: the model gets the learned graph,
+// GPT points to it, RES is -1. 1 on success, 0 if refused or without a
+// model, -1 with the message of a failure.
+int qzhost_learn_structure(void* ctx, int kind, char* msg, size_t msgcap, char* type, size_t typecap) {
+    vm_t* vm = static_cast<vm_t*>(ctx);
+    if (kind != vm_t::CHOWLIU && kind != vm_t::ELEMGM) {
+        copyOut("no structure learner for this graph kind", msg, msgcap);
+        copyOut("std::logic_error", type, typecap);
+        return QZH_FAILED;
+    }
+    return guarded(
+        [&] {
+            if (vm->running()) return false;
+            Learner L{*vm, kind};
+            vm->dispatch(L);
+            return L.found;
+        },
+        msg, msgcap, type, typecap);
+}
+
+// The names of the model in MPT (see Names) copied into buf, up to cap
+// bytes; the size of the whole, 0 if the model has no names or there is none.
+size_t qzhost_model_names(void* ctx, char* buf, size_t cap) {
+    vm_t* vm = static_cast<vm_t*>(ctx);
+    if (vm->running()) return 0;
+    Names L{*vm, std::string(), false};
+    vm->dispatch(L);
+    if (!L.found) return 0;
+    if (buf != nullptr) std::memcpy(buf, L.blob.data(), L.blob.size() < cap ? L.blob.size() : cap);
+    return L.blob.size();
 }
 
 }  // extern "C"

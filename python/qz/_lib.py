@@ -10,6 +10,7 @@ directory where libqz.so was found.
 
 import ctypes
 import os
+from typing import List, Mapping, Optional, Tuple
 
 LIBRARY_NAME = "libqz.so"
 HOST_NAME = "libqzhost.so"
@@ -17,7 +18,7 @@ HOST_NAME = "libqzhost.so"
 _PACKAGE_DIR = os.path.dirname(os.path.abspath(__file__))
 
 
-def candidate_paths(environ=None):
+def candidate_paths(environ: Optional[Mapping[str, str]] = None) -> List[str]:
     """Return the places searched for libqz.so, in the order they are tried.
 
     A QZ_LIBRARY that is set comes first; it may name the library file or the
@@ -35,7 +36,7 @@ def candidate_paths(environ=None):
     return paths
 
 
-def find_library(environ=None):
+def find_library(environ: Optional[Mapping[str, str]] = None) -> Tuple[str, str]:
     """Return the paths (libqz, libqzhost) that the package would load.
 
     A QZ_LIBRARY that names no file is an error rather than a reason to look
@@ -57,8 +58,27 @@ _size_p = ctypes.POINTER(ctypes.c_size_t)
 _double_p = ctypes.POINTER(ctypes.c_double)
 _int_p = ctypes.POINTER(ctypes.c_int)
 
+_u16_p = ctypes.POINTER(ctypes.c_uint16)
+_u64_p = ctypes.POINTER(ctypes.c_uint64)
+
 # Progress callback of the register CBP: void(size_t done, size_t total, const char* text).
 PROGRESS_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_size_t, ctypes.c_size_t, ctypes.c_char_p)
+
+# Hook of the register CBO, called by the optimizer once per iteration with its state record.
+OPTIMIZER_HOOK = ctypes.CFUNCTYPE(None, ctypes.c_void_p)
+
+
+class DiscretizationModel(ctypes.Structure):
+    """The bins that the library's discretize fitted, returned by value."""
+
+    _fields_ = [
+        ("num_intervals", ctypes.c_size_t),
+        ("num_moments", ctypes.c_size_t),
+        ("intervals", ctypes.POINTER(ctypes.c_double)),
+        ("moments", ctypes.POINTER(ctypes.c_double)),
+        ("mean", ctypes.c_double),
+        ("sdev", ctypes.c_double),
+    ]
 
 
 def _declare(lib, name, restype, argtypes):
@@ -105,6 +125,19 @@ class Library:
         _declare(self.host, "qzhost_string_free", None, [vp])
         _declare(self.host, "qzhost_string_data", ctypes.POINTER(ctypes.c_char), [vp, _size_p])
         _declare(self.host, "qzhost_model_layout", ctypes.c_int, [vp, _size_p, _size_p, _size_p, _size_p, _size_p, _double_p])
+        _declare(self.qz, "discretize", DiscretizationModel, [_u16_p, _double_p, sz, sz])
+        _declare(
+            self.host,
+            "qzhost_table_new",
+            vp,
+            [_u16_p, sz, sz, _c_char_pp, _size_p, _c_char_pp, ctypes.c_int, ctypes.c_char],
+        )
+        _declare(self.host, "qzhost_table_free", None, [vp])
+        _declare(self.host, "qzhost_table_text", ctypes.c_long, [vp, sz, sz, cp, sz])
+        _declare(self.host, "qzhost_model_statistics", ctypes.c_int, [vp, _size_p, _size_p, _u64_p])
+        _declare(self.host, "qzhost_set_statistics", ctypes.c_int, [vp, _u64_p, sz, sz])
+        _declare(self.host, "qzhost_learn_structure", ctypes.c_int, [vp, ctypes.c_int, cp, sz, cp, sz])
+        _declare(self.host, "qzhost_model_names", sz, [vp, cp, sz])
         # The process-wide stop flag that ctrlchandler clears.
         self.run_flag = ctypes.c_bool.in_dll(self.qz, "__run")
 
@@ -129,11 +162,11 @@ def load():
     return _loaded
 
 
-def library_path():
+def library_path() -> str:
     """Return the path of the libqz.so that the package uses (loading it if needed)."""
     return load().qz_path
 
 
-def version():
+def version() -> int:
     """Return the library's version number (10068 for this interface)."""
     return int(load().qz.version())

@@ -1,6 +1,7 @@
 """Progress reports of the library (register CBP) as progress bars."""
 
 import sys
+from typing import Any, Optional
 
 
 class TqdmProgress:
@@ -12,7 +13,7 @@ class TqdmProgress:
     the end of every run.
     """
 
-    def __init__(self, tqdm_class, **options):
+    def __init__(self, tqdm_class: Any, **options: Any) -> None:
         """Draw bars with tqdm_class (tqdm.tqdm or a look-alike); options go to each bar."""
         self._tqdm = tqdm_class
         self._options = dict(options)
@@ -20,7 +21,7 @@ class TqdmProgress:
         self._bar = None
         self._key = None
 
-    def __call__(self, done, total, label):
+    def __call__(self, done: int, total: int, label: str) -> None:
         """Move the bar of this label to done out of total."""
         if self._bar is None or self._key != (label, total):
             self.close()
@@ -33,7 +34,7 @@ class TqdmProgress:
             self._bar.n = done
             self._bar.refresh()
 
-    def close(self):
+    def close(self) -> None:
         """End the current bar, if any."""
         if self._bar is not None:
             self._bar.close()
@@ -41,7 +42,7 @@ class TqdmProgress:
             self._key = None
 
 
-def tqdm_progress(force=False):
+def tqdm_progress(force: bool = False) -> Optional["TqdmProgress"]:
     """Return a TqdmProgress when tqdm can be imported, else None.
 
     Without force a bar is only drawn when standard error is a terminal, as

@@ -4,8 +4,11 @@ import ctypes
 import os
 import signal
 import struct
+import sys
 import threading
+import warnings
 import weakref
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Sequence, Tuple, Union
 
 import numpy as np
 
@@ -58,7 +61,7 @@ class QZError(RuntimeError):
     error_type (the C++ exception type, such as "std::logic_error").
     """
 
-    def __init__(self, message, line=None, error_type=""):
+    def __init__(self, message: str, line: Optional[int] = None, error_type: str = "") -> None:
         """Make the error of a library message, with the program line it came from."""
         self.message = message
         self.line = line
@@ -74,7 +77,7 @@ class ContextWedged(QZError):
     ever. The failure that wedged it is in the attribute failure.
     """
 
-    def __init__(self, failure):
+    def __init__(self, failure: "QZError") -> None:
         """Make the error for a context wedged by the QZError failure."""
         self.failure = failure
         QZError.__init__(
@@ -102,14 +105,33 @@ class Marginals:
         edges: the edges as an (m, 2) array of end vertices, in the graph's order.
         states: the number of states of each vertex.
         log_z: the log partition function (natural logarithm) of the run.
+        names: the vertex names of the model (its table's column names), or
+            None for a model without names.
+        labels: per vertex, the label of each state: the values of the
+            DataFrame the model was learned from, else the model's state
+            names; None for a model without names.
+
+    With names, m["Class"] (or m[16]) is that vertex's marginal as a pandas
+    Series indexed by the state labels, m.to_dict() all of them, m.to_frame()
+    one long table, and m.edge_frame(e) an edge's table (pandas needed).
     """
 
-    def __init__(self, array, states, edges, log_z):
+    def __init__(
+        self,
+        array: np.ndarray,
+        states: np.ndarray,
+        edges: np.ndarray,
+        log_z: float,
+        names: Optional[List[str]] = None,
+        labels: Optional[List[List[Any]]] = None,
+    ) -> None:
         """Cut the flat INFER array into vertex and edge tables."""
         self.array = array
         self.states = states
         self.edges = edges
         self.log_z = log_z
+        self.names = names
+        self.labels = labels
         self.vertex = []
         pos = 0
         for y in states:
@@ -124,6 +146,52 @@ class Marginals:
     def __repr__(self):
         return "Marginals(%d vertices, %d edges, log_z=%r)" % (len(self.vertex), len(self.edge), self.log_z)
 
+    def _vertex_index(self, v):
+        if isinstance(v, (int, np.integer)):
+            if not 0 <= v < len(self.vertex):
+                raise IndexError("no vertex %d: the model has %d" % (v, len(self.vertex)))
+            return int(v)
+        if self.names is None or v not in self.names:
+            raise KeyError("no vertex named %r" % (v,))
+        return self.names.index(v)
+
+    def _labels(self, v):
+        return self.labels[v] if self.labels is not None else list(range(int(self.states[v])))
+
+    def _name(self, v):
+        return self.names[v] if self.names is not None else v
+
+    def __getitem__(self, v: Union[int, str]) -> Any:
+        """The marginal of vertex v (its index or name) as a pandas Series indexed by state labels."""
+        import pandas as pd
+
+        i = self._vertex_index(v)
+        return pd.Series(self.vertex[i], index=pd.Index(self._labels(i), dtype=object), name=self._name(i))
+
+    def to_dict(self) -> Dict[Any, Any]:
+        """All vertex marginals: {vertex name: Series indexed by state labels} (pandas needed)."""
+        return {self._name(i): self[i] for i in range(len(self.vertex))}
+
+    def to_frame(self) -> Any:
+        """All vertex marginals as one DataFrame, indexed by (vertex, state), column "probability"."""
+        import pandas as pd
+
+        keys = [(self._name(i), label) for i in range(len(self.vertex)) for label in self._labels(i)]
+        index = pd.MultiIndex.from_tuples(keys, names=["vertex", "state"])
+        return pd.DataFrame({"probability": np.concatenate(self.vertex) if self.vertex else []}, index=index)
+
+    def edge_frame(self, e: int) -> Any:
+        """The marginal of edge e as a DataFrame: rows the states of its first vertex, columns those of its second."""
+        import pandas as pd
+
+        s, t = (int(x) for x in self.edges[e])
+        frame = pd.DataFrame(
+            self.edge[e],
+            index=pd.Index(self._labels(s), dtype=object, name=self._name(s)),
+            columns=pd.Index(self._labels(t), dtype=object, name=self._name(t)),
+        )
+        return frame
+
 
 class Model:
     """The layout and weights of the model loaded in a context.
@@ -133,22 +201,96 @@ class Model:
         edges: the edges as an (m, 2) array, in the order of the weight blocks.
         weights: a copy of the weights as doubles; edge e = (s, t) holds a
             states[s] by states[t] block, the state of s the slow index.
+        names: the vertex names, or None for a model without names.
+        labels: per vertex the labels of its states (see Marginals), or None.
     """
 
-    def __init__(self, states, edges, weights):
+    def __init__(
+        self,
+        states: np.ndarray,
+        edges: np.ndarray,
+        weights: np.ndarray,
+        names: Optional[List[str]] = None,
+        labels: Optional[List[List[Any]]] = None,
+    ) -> None:
         """Hold the layout and a copy of the weights."""
         self.states = states
         self.edges = edges
         self.weights = weights
+        self.names = names
+        self.labels = labels
 
-    def edge_weights(self, e):
+    def __repr__(self):
+        return "Model(%d vertices, %d edges, %d weights)" % (len(self.states), len(self.edges), len(self.weights))
+
+    def edge_weights(self, e: int) -> np.ndarray:
         """Return the weights of edge e as a states[s] by states[t] array (a view)."""
         offsets = np.concatenate(([0], np.cumsum([self.states[s] * self.states[t] for s, t in self.edges])))
         s, t = self.edges[e]
         return self.weights[offsets[e] : offsets[e + 1]].reshape(self.states[s], self.states[t])
 
 
-def registers():
+class Statistics(NamedTuple):
+    """The sufficient statistics of a model: counts in the container's layout, and the rows counted.
+
+    counts holds, as whole numbers, first the state counts of each vertex,
+    vertex by vertex, then the joint state counts of each edge in the layout
+    of the weights.
+    """
+
+    counts: np.ndarray
+    rows: int
+
+
+class Trace:
+    """The objective of one ESTIMATE, iteration by iteration, as the optimizer reported it.
+
+    Attributes (numpy arrays, one entry per iteration): iteration (from 0),
+    objective (the average negative log-likelihood at that iteration's point)
+    and gradient_norm (the largest absolute gradient entry, which decides the
+    best point). best is the index of the iteration with the smallest norm.
+    """
+
+    def __init__(self) -> None:
+        """An empty trace; the context's optimizer hook fills it."""
+        self._rows = []
+
+    def _add(self, iteration, objective, norm):
+        self._rows.append((iteration, objective, norm))
+
+    @property
+    def iteration(self) -> np.ndarray:
+        """The iteration numbers, from 0."""
+        return np.array([r[0] for r in self._rows], dtype=np.int64)
+
+    @property
+    def objective(self) -> np.ndarray:
+        """The objective at each iteration."""
+        return np.array([r[1] for r in self._rows], dtype=np.float64)
+
+    @property
+    def gradient_norm(self) -> np.ndarray:
+        """The gradient norm at each iteration."""
+        return np.array([r[2] for r in self._rows], dtype=np.float64)
+
+    @property
+    def best(self) -> Optional[int]:
+        """Index of the iteration with the smallest gradient norm (the point ESTIMATE keeps); None if empty."""
+        if not self._rows:
+            return None
+        norms = self.gradient_norm
+        finite = np.where(np.isfinite(norms), norms, np.inf)
+        return int(np.argmin(finite))
+
+    def __len__(self):
+        return len(self._rows)
+
+    def __repr__(self):
+        last = self._rows[-1][1] if self._rows else None
+        return "Trace(%d iterations, last objective %r)" % (len(self._rows), last)
+
+
+def registers() -> Dict[str, str]:
     """Return every register name with its kind name, in the library's table order."""
     return {name: KIND_NAMES[kind] for name, kind in _lib.load().register_table()}
 
@@ -273,26 +415,103 @@ def _progress_trampoline(ref):
     return _lib.PROGRESS_CALLBACK(report)
 
 
+_INDEX_C = {0: ctypes.c_uint8, 1: ctypes.c_uint16, 2: ctypes.c_uint32, 3: ctypes.c_uint64}
+_VALUE_C = {
+    0: ctypes.c_uint8,
+    1: ctypes.c_uint16,
+    2: ctypes.c_uint32,
+    3: ctypes.c_uint64,
+    4: ctypes.c_float,
+    5: ctypes.c_double,
+}
+_opt_state_types = {}
+
+
+def _opt_state_type(itype, vtype):
+    """The ctypes layout of the optimizer's state record for one instantiation (None for another pair)."""
+    key = (itype, vtype)
+    if key not in _opt_state_types:
+        if itype not in _INDEX_C or vtype not in _VALUE_C:
+            return None
+        I, V, P = _INDEX_C[itype], _VALUE_C[vtype], ctypes.c_void_p
+        fields = [("itype", ctypes.c_uint8), ("vtype", ctypes.c_uint8)]
+        fields += [(f, V) for f in ("fval", "norm", "stp", "stp_min", "lam1", "lam2")]
+        fields += [(f, I) for f in ("iter", "maxIter", "dim")]
+        fields += [("weights", P), ("gradient", P), ("extra", P), ("integer", ctypes.c_bool)]
+        fields += [("best_fval", V), ("best_norm", V), ("best_weights", P), ("val_bytes", I), ("payload", P)]
+        fields += [("converged", ctypes.c_bool)]
+        _opt_state_types[key] = type("OptState", (ctypes.Structure,), {"_fields_": fields})
+    return _opt_state_types[key]
+
+
+def _optimizer_trampoline(ref, run_flag):
+    # Records the objective of each iteration of ESTIMATE. The optimizer
+    # calls its hook after every iteration and once more after the loop with
+    # the last iteration's values; that last call (the loop ended by the
+    # limit, by convergence or by an interrupt) adds nothing new.
+    def hook(address):
+        ctx = ref()
+        if ctx is None or not address:
+            return
+        try:
+            head = (ctypes.c_uint8 * 2).from_address(address)
+            layout = _opt_state_type(head[0], head[1])
+            if layout is None:
+                return
+            o = layout.from_address(address)
+            if o.converged or o.iter >= o.maxIter or not run_flag.value:
+                return
+            if o.iter == 0 or not ctx._traces:
+                ctx._traces.append(Trace())
+            ctx._traces[-1]._add(int(o.iter), float(o.fval), float(o.norm))
+        except BaseException as e:  # reported after the run, like the progress callback's
+            if ctx._progress_error is None:
+                ctx._progress_error = e
+
+    return _lib.OPTIMIZER_HOOK(hook)
+
+
 class Context:
-    """One context of the library: registers, a program, and what it has loaded.
+    """One context of the library: a program, typed registers, and what it has loaded.
 
-    Use it as a context manager, or call close(); it is also released when the
-    object goes. Registers read and write by name with their kinds:
+    A context holds at most one table (DPT), graph (GPT) and model (MPT), as
+    the library's programs see them. Use it as a context manager, or call
+    close(); it is also released when the object goes.
 
-        ctx["LAM"] = 0.5          # REAL: float
-        ctx["MIO"] = 100          # INTEGER: int
-        ctx["HED"] = False        # BOOL: bool
-        ctx["SEP"] = ";"          # CHAR: one character
-        ctx["DFN"] = "data.csv"   # STRING: str (None for unset)
-        ctx["EDP"]                # POINTER: int, the address (0 for null)
+    Tables:
+        ctx.load_table("data.csv")   a file, read by the library's readers
+                                     (registers HED, MIS, YYC)
+        ctx.load_table(df)           a pandas DataFrame: categorical, string,
+                                     object, boolean and integer columns; each
+                                     value a state named by its text, coded by
+                                     first appearance; NaN/None/pd.NA missing
+        ctx.load_table(codes)        a 2-D array of category codes
+        ctx.table, ctx.coding        the codes in host memory, the DataFrame's coding
 
-    A run that fails raises QZError ("error at line N: MESSAGE") and leaves the
-    context wedged: it can still be read, but every later run or write raises
-    ContextWedged. Registers may be read from another thread while a run goes
-    on; everything else then raises ContextBusy.
+    Programs and registers:
+        ctx.run("GRA CHOWLIU;\\nLDX GPT;\\nMODEL;\\nALG JT;\\nALG FL1;\\nESTIMATE;")
+        ctx["MIO"] = 100; ctx["RES"]  registers by name, typed by their kind:
+            REAL float, INTEGER int, BOOL bool, CHAR one character,
+            STRING str (None when unset), POINTER int address (0 for null)
+
+    Results (labelled with the table's column names and values):
+        ctx.infer()                  Marginals: m["Class"] a Series by state
+        ctx.predict()                the table with its missing cells completed
+        ctx.sample(100)              rows drawn from the model
+        ctx.model(), ctx.statistics()  layout, weights, names; sufficient statistics
+        ctx.trace, ctx.traces        the objective of each ESTIMATE, per iteration
+        ctx.save_model(path), ctx.load_model(path)
+
+    Pictures: qz.plot.graph(ctx), qz.plot.marginals(ctx), qz.plot.objective(ctx).
+    Tables larger than memory: qz.dask.load_statistics(ctx, ddf, graph="CHAIN").
+
+    Failures: a run that fails raises QZError ("error at line N: MESSAGE")
+    and leaves the context wedged: it can still be read, but every later run
+    or write raises ContextWedged. Registers may be read from another thread
+    while a run goes on; everything else then raises ContextBusy.
     """
 
-    def __init__(self, seed=None, progress="auto"):
+    def __init__(self, seed: Optional[int] = None, progress: Any = "auto") -> None:
         """Create a context.
 
         seed: written to SEED when given, for reproducible draws (the library
@@ -307,11 +526,15 @@ class Context:
         self._ctx = None
         self._keep = {}
         self._table = None
+        self._coding = None
+        self._traces = []
         self._failure = None
         self._progress = None
         self._progress_error = None
         self._callback = _progress_trampoline(weakref.ref(self))
         self._callback_address = ctypes.cast(self._callback, ctypes.c_void_p).value
+        self._hook = _optimizer_trampoline(weakref.ref(self), self._lib.run_flag)
+        self._hook_address = ctypes.cast(self._hook, ctypes.c_void_p).value
         handle = self._lib.qz.create_ctx()
         if not handle:
             raise MemoryError("the library could not create a context")
@@ -323,31 +546,31 @@ class Context:
     # -- life cycle -------------------------------------------------------
 
     @property
-    def handle(self):
+    def handle(self) -> Optional[int]:
         """The library's context handle as an int (for other C hosts); None once closed."""
         return self._ctx
 
     @property
-    def closed(self):
+    def closed(self) -> bool:
         """True once close() has released the context."""
         return self._ctx is None
 
     @property
-    def running(self):
+    def running(self) -> bool:
         """True while a run goes on (on any thread), and for ever after a failed run."""
         return bool(self._lib.host.qzhost_running(self._handle()))
 
     @property
-    def wedged(self):
+    def wedged(self) -> bool:
         """True after a run of this context failed; it then only reads registers."""
         return self._failure is not None
 
     @property
-    def failure(self):
+    def failure(self) -> Optional["QZError"]:
         """The QZError of the run that wedged the context, or None."""
         return self._failure
 
-    def close(self):
+    def close(self) -> None:
         """Release the context and everything it holds. Closing twice does nothing.
 
         Raises ContextBusy while a run goes on. A wedged context is released
@@ -361,12 +584,13 @@ class Context:
         self._lib.qz.destroy_ctx(handle)
         self._keep.clear()
         self._table = None
+        self._coding = None
 
-    def __enter__(self):
+    def __enter__(self) -> "Context":
         """Use the context in a with block; it is closed at the block's end."""
         return self
 
-    def __exit__(self, *exc):
+    def __exit__(self, *exc: Any) -> bool:
         """Close the context; exceptions of the block pass on."""
         self.close()
         return False
@@ -399,11 +623,11 @@ class Context:
     # -- registers --------------------------------------------------------
 
     @staticmethod
-    def kind(name):
+    def kind(name: str) -> str:
         """Return the kind of register name ("INTEGER", "REAL", ...); KeyError if there is none."""
         return KIND_NAMES[_kind_number(name)]
 
-    def __getitem__(self, name):
+    def __getitem__(self, name: str) -> Any:
         """Read register name by its kind; see the class docstring. KeyError for an unknown name."""
         kind = _kind_number(name)
         bits = self._lib.qz.ctx_read_reg(self._handle(), name.encode("ascii"))
@@ -421,7 +645,7 @@ class Context:
             return ctypes.string_at(data, n.value).decode("utf-8", "surrogateescape")
         return bits
 
-    def __setitem__(self, name, value):
+    def __setitem__(self, name: str, value: Any) -> None:
         """Write register name by its kind; see the class docstring.
 
         Raises KeyError for an unknown name, TypeError or ValueError for a value
@@ -484,23 +708,23 @@ class Context:
         )
         return status, msg.value.decode("utf-8", "replace"), etype.value.decode("ascii", "replace")
 
-    def __contains__(self, name):
+    def __contains__(self, name: str) -> bool:
         """True if name is a register of the library."""
         return name in self._kinds
 
-    def get(self, name, default=None):
+    def get(self, name: str, default: Any = None) -> Any:
         """Read register name, or return default if there is no such register."""
         return self[name] if name in self._kinds else default
 
     # -- progress ---------------------------------------------------------
 
     @property
-    def progress(self):
+    def progress(self) -> Optional[Callable[[int, int, str], Any]]:
         """The progress callback (done, total, label), or None. See __init__ for what it accepts."""
         return self._progress
 
     @progress.setter
-    def progress(self, value):
+    def progress(self, value: Any) -> None:
         if value == "auto":
             value = tqdm_progress(force=False)
         elif value is True:
@@ -519,10 +743,31 @@ class Context:
         status, msg, etype = self._write_bits("CBP", address)
         if status == 0:
             raise self._refused()
+        # The optimizer's hook records the objective of ESTIMATE (traces);
+        # it costs one call per iteration. A host that writes CBO replaces it.
+        status, msg, etype = self._write_bits("CBO", self._hook_address)
+        if status == 0:
+            raise self._refused()
+
+    # -- the objective of ESTIMATE ------------------------------------------
+
+    @property
+    def traces(self) -> List[Trace]:
+        """The Trace of every ESTIMATE this context ran, oldest first (see clear_traces)."""
+        return list(self._traces)
+
+    @property
+    def trace(self) -> Optional[Trace]:
+        """The Trace of the last ESTIMATE (objective and gradient norm per iteration), or None."""
+        return self._traces[-1] if self._traces else None
+
+    def clear_traces(self) -> None:
+        """Forget the recorded traces."""
+        self._traces = []
 
     # -- programs ---------------------------------------------------------
 
-    def set_program(self, program):
+    def set_program(self, program: Union[str, Sequence[str]]) -> None:
         """Hand over a program (text with one instruction a line, or a list of lines); rewinds LNN to 0."""
         self._check_changeable()
         lines = [line.encode("utf-8") for line in _program_lines(program)]
@@ -530,7 +775,7 @@ class Context:
         if not self._lib.qz.ctx_set_code(self._handle(), array, len(lines)):
             raise self._refused()
 
-    def run(self, program=None):
+    def run(self, program: Union[str, Sequence[str], None] = None) -> None:
         """Run program, or the program already set from the line in LNN when program is None.
 
         A failing program raises QZError with the library's message and the
@@ -572,7 +817,7 @@ class Context:
         if interrupted:
             raise KeyboardInterrupt
 
-    def reset(self):
+    def reset(self) -> None:
         """Release the context's table, graph, model and strings and restore all register defaults.
 
         The program stays and runs again from its first line; the progress
@@ -588,35 +833,67 @@ class Context:
             raise QZError(msg.value.decode("utf-8", "replace"), None, etype.value.decode("ascii", "replace"))
         self._keep.clear()
         self._table = None
+        self._coding = None
         self._install_progress()
 
-    # -- tables, models, marginals ----------------------------------------
+    # -- tables ---------------------------------------------------------------
 
     @property
-    def table(self):
-        """The uint16 array behind the table that load_table loaded from an array, else None.
+    def table(self) -> Optional[np.ndarray]:
+        """The uint16 codes of the table that load_table loaded from an array or a DataFrame, else None.
 
-        MODEL writes its draws for missing cells into it, PREDICT its predictions.
+        The library reads and writes these cells in place: MODEL writes its
+        draws for missing cells into them, PREDICT and SAMPLE their results.
+        65535 marks a missing cell.
         """
         return self._table
 
-    def load_table(self, source):
-        """Load a table into DPT from a file or from a 2-D array; return the number of rows.
+    @property
+    def coding(self) -> Any:
+        """How the DataFrame of the last load_table was coded (a TableCoding), or None.
 
-        source: a path of a CSV or binary table file (read by the library's
-            readers with HED, MIS and the other registers as they stand; a CSV
-            file has a header line when HED is true and then one line that
-            the reader drops), or an array of category codes, rows by columns.
-            Missing cells of an array are 65535, negative numbers, NaN or
-            masked cells. A C-contiguous writable uint16 array is used in
-            place, without a copy, so that MODEL's draws and PREDICT's results
-            appear in it; any other array is converted into a new one (see
-            the table property).
+        coding.columns[j].values are the values of the states of column j in
+        code order, coding.columns[j].names their names in the model, and
+        coding.frame(codes) turns codes back into a DataFrame.
+        """
+        return self._coding
 
-        Writes DFN or EDP, NXX and GPX, replaces the earlier table, and runs
-        "DEL DPT;" and "LDX DPT;" as the context's program.
+    def load_table(self, source: Any) -> int:
+        """Load a table into DPT from a file, a pandas DataFrame or a 2-D array; return the number of rows.
+
+        source:
+            a path of a CSV or binary table file, read by the library's
+            readers with HED, MIS and the other registers as they stand (a
+            CSV file has a header line when HED is true and then one line
+            that the reader drops);
+            a pandas DataFrame: categorical, object, string, boolean and
+            integer columns. Each distinct value of a column is a state, named
+            by its text (str) and coded in the order of first appearance, as
+            the library's reader codes the same values written as text (with
+            YYC true, one dictionary for all columns, met row by row). NaN,
+            None, pd.NA and NaT are missing cells. The column names become
+            the vertex names of the model and its exports. With a model
+            loaded, the values are coded by that model's state names instead
+            (a value it has no state for is an error), as the library codes
+            a file read against a model. Floating-point columns are refused
+            with TypeError (bin them with qz.discretize or pandas.cut); a
+            column with more states than IDX's index type holds, or with no
+            value, duplicate column names and names that a model file cannot
+            hold are refused with QZError, before anything runs;
+            an array of category codes, rows by columns. Missing cells of an
+            array are 65535, negative numbers, NaN or masked cells. A
+            C-contiguous writable uint16 array is used in place, without a
+            copy; any other array is converted into a new one.
+
+        A DataFrame or array stays in host memory (see the table property),
+        where MODEL's draws for missing cells and PREDICT's results appear.
+        Replaces the earlier table; a file or array is loaded by the program
+        "DEL DPT;" and "LDX DPT;" (writing DFN or EDP, NXX and GPX), a
+        DataFrame by "DEL DPT;" and a table with names written into DPT.
         """
         self._check_changeable()
+        if "pandas" in sys.modules and isinstance(source, sys.modules["pandas"].DataFrame):
+            return self._load_frame(source)
         if isinstance(source, (str, bytes, os.PathLike)):
             path = os.fsdecode(source)
             if not os.path.isfile(path):
@@ -626,6 +903,7 @@ class Context:
             self["DFN"] = path
             self.run("DEL DPT;\nLDX DPT;")
             self._table = None
+            self._coding = None
             return self["NXX"]
         array, _ = _as_table(source)
         self["EDP"] = array
@@ -638,9 +916,72 @@ class Context:
                 # A later LDX DPT of a file must not find the array in EDP.
                 self["EDP"] = None
         self._table = array
+        self._coding = None
         return self["NXX"]
 
-    def save_model(self, path, overwrite=True):
+    def _load_frame(self, frame):
+        from . import _frame
+
+        names = None
+        if self["MPT"]:
+            try:
+                names = self._model_names()
+            except QZError:  # a container with no graph, or under another IDX and VAL: nothing to code by
+                names = None
+        if names is not None:
+            coding, codes = _frame.code_frame_for_model(frame, names)
+        else:
+            coding, codes = _frame.code_frame(frame, bool(self["YYC"]), _frame.max_states(self["IDX"]))
+        self._install_table(codes, coding)
+        return self["NXX"]
+
+    def _install_table(self, codes, coding):
+        """Make DPT a table over codes (rows by columns, uint16, C order) with coding's names."""
+        rows, cols = codes.shape
+        shared = bool(coding.shared)
+        lists = [coding.columns[0].names] if shared else [c.names for c in coding.columns]
+        columns = (ctypes.c_char_p * max(1, cols))(*[c.name.encode("utf-8") for c in coding.columns])
+        counts = (ctypes.c_size_t * max(1, cols))(*[len(c.names) for c in coding.columns])
+        flat = [n.encode("utf-8") for names in lists for n in names]
+        names = (ctypes.c_char_p * max(1, len(flat)))(*flat)
+        self.run("DEL DPT;")
+        table = self._new_table(codes, columns, counts, names, shared)
+        try:
+            self["DPT"] = table
+            self["NXX"] = rows
+        except BaseException:
+            self._lib.host.qzhost_table_free(table)
+            raise
+        self._table = codes
+        self._coding = coding
+
+    def _new_table(self, codes, columns, counts, names, shared):
+        rows, cols = codes.shape
+        table = self._lib.host.qzhost_table_new(
+            codes.ctypes.data_as(_lib._u16_p),
+            rows,
+            cols,
+            columns,
+            counts,
+            names,
+            1 if shared else 0,
+            self["MIS"].encode("latin-1"),
+        )
+        if not table:
+            raise MemoryError("the library could not make a table of %d rows and %d columns" % (rows, cols))
+        return table
+
+    @staticmethod
+    def _name_arrays(model_names):
+        cols = len(model_names)
+        columns = (ctypes.c_char_p * max(1, cols))(*[v.encode("utf-8") for v, _ in model_names])
+        counts = (ctypes.c_size_t * max(1, cols))(*[len(states) for _, states in model_names])
+        flat = [x.encode("utf-8") for _, states in model_names for x in states]
+        return columns, counts, (ctypes.c_char_p * max(1, len(flat)))(*flat)
+
+    # -- models -----------------------------------------------------------------
+
+    def save_model(self, path: Union[str, os.PathLike], overwrite: bool = True) -> None:
         """Store the loaded model in a model file (writes MFN, runs "STORE MPT;").
 
         With overwrite False an existing file raises FileExistsError. OVW is
@@ -652,16 +993,22 @@ class Context:
             raise QZError("no model loaded")
         if not overwrite and os.path.exists(path):
             raise FileExistsError("model file %s exists" % path)
-        old = self["OVW"]
         self["MFN"] = path
-        self["OVW"] = True
+        self._run_with("STORE MPT;", {"OVW": True})
+
+    def _run_with(self, program, registers):
+        """Run program with registers written for the run only: they are restored unless it failed."""
+        old = {name: self[name] for name in registers}
+        for name, value in registers.items():
+            self[name] = value
         try:
-            self.run("STORE MPT;")
+            self.run(program)
         finally:
             if not self.wedged:
-                self["OVW"] = old
+                for name, value in old.items():
+                    self[name] = value
 
-    def load_model(self, path):
+    def load_model(self, path: Union[str, os.PathLike]) -> None:
         """Load a model file into MPT and its graph into GPT, replacing both.
 
         IDX and VAL are set from the type codes at the start of the file, so
@@ -679,9 +1026,8 @@ class Context:
         self["MFN"] = path
         self.run("LDX MPT;")
 
-    def model(self):
-        """Return the loaded model's layout and a copy of its weights as a Model."""
-        # A failed run may have left the container's weights decoded.
+    def _layout(self):
+        """(states, edges, weights) of the loaded model, as model() returns them."""
         self._check_changeable()
         n, m, dim = ctypes.c_size_t(), ctypes.c_size_t(), ctypes.c_size_t()
         layout = self._lib.host.qzhost_model_layout
@@ -703,29 +1049,294 @@ class Context:
         )
         if not ok:
             raise QZError("no model loaded")
-        return Model(states.astype(np.int64), edges.astype(np.int64), weights)
+        return states.astype(np.int64), edges.astype(np.int64), weights
 
-    def infer(self):
-        """Run INFER and return its Marginals (vertex and edge marginals, log Z).
+    def _model_names(self, states=None):
+        """Per vertex (name, [state names]) of the loaded model; None if it has no names."""
+        if states is None:
+            states = self._layout()[0]
+        names = self._lib.host.qzhost_model_names
+        size = names(self._handle(), None, 0)
+        if size == 0:
+            return None
+        buf = ctypes.create_string_buffer(size)
+        names(self._ctx, buf, size)
+        parts = [p.decode("utf-8", "surrogateescape") for p in buf.raw[:size].split(b"\0")[:-1]]
+        out, pos = [], 0
+        for y in states:
+            y = int(y)
+            out.append((parts[pos], parts[pos + 1 : pos + 1 + y]))
+            pos += 1 + y
+        return out
+
+    def _labels(self, states):
+        """(vertex names, state labels) of the loaded model, or (None, None)."""
+        names = self._model_names(states)
+        if names is None:
+            return None, None
+        if self._coding is not None:
+            from . import _frame
+
+            labels = _frame.labels_for(self._coding, names)
+        else:
+            labels = [list(x) for _, x in names]
+        return [v for v, _ in names], labels
+
+    def model(self) -> Model:
+        """Return the loaded model's layout, a copy of its weights, and its names as a Model."""
+        # A failed run may have left the container's weights decoded.
+        states, edges, weights = self._layout()
+        names, labels = self._labels(states)
+        return Model(states, edges, weights, names, labels)
+
+    def statistics(self) -> Statistics:
+        """Return the sufficient statistics of the loaded model (see Statistics) as whole numbers.
+
+        Raises QZError for a model whose statistics are laid out for the
+        clique search (GRA CLIQUES), whose subsets are no vertices and edges.
+        """
+        self._check_changeable()
+        sdim, rows = ctypes.c_size_t(), ctypes.c_size_t()
+        read = self._lib.host.qzhost_model_statistics
+        status = read(self._ctx, ctypes.byref(sdim), ctypes.byref(rows), None)
+        if status == 0:
+            if self.running:
+                raise ContextBusy("the context is running on another thread")
+            raise QZError("no model loaded")
+        if status < 0:
+            raise QZError("the model's statistics are not laid out by vertices and edges (a clique search's)")
+        counts = np.zeros(sdim.value, dtype=np.uint64)
+        read(self._ctx, ctypes.byref(sdim), ctypes.byref(rows), counts.ctypes.data_as(_lib._u64_p))
+        return Statistics(counts, int(rows.value))
+
+    def _set_statistics(self, counts, rows):
+        """Replace the statistics of the loaded model by counts (uint64) counted from rows rows."""
+        self._check_changeable()
+        # The library reads whole 64-bit words: an array unpickled from a buffer may sit at any offset.
+        counts = np.require(counts, dtype=np.uint64, requirements=["C", "A"])
+        status = self._lib.host.qzhost_set_statistics(self._ctx, counts.ctypes.data_as(_lib._u64_p), counts.size, rows)
+        if status == 0:
+            raise self._refused() if self.running else QZError("no model loaded")
+        if status < 0:
+            raise QZError("%d counts do not fit the model's statistics" % counts.size)
+
+    def _learn_structure(self, kind):
+        """Run the library's structure learner of GRA value kind (CHOWLIU, ELEMGM) on the model's counts."""
+        self._check_changeable()
+        msg = ctypes.create_string_buffer(_MSG_CAP)
+        etype = ctypes.create_string_buffer(256)
+        status = self._lib.host.qzhost_learn_structure(self._ctx, kind, msg, _MSG_CAP, etype, 256)
+        if status == 0:
+            raise self._refused() if self.running else QZError("no model loaded")
+        if status < 0:
+            raise QZError(msg.value.decode("utf-8", "replace"), None, etype.value.decode("ascii", "replace"))
+
+    # -- queries ----------------------------------------------------------------
+
+    def infer(self, unconditional: bool = False) -> Marginals:
+        """Run INFER and return its Marginals (vertex and edge marginals, log Z, names and labels).
 
         The first row of a loaded table gives the observations (missing cells
-        are unobserved); with no table the marginals are unconditional. SLW
-        true enumerates all joint states instead of running the engine.
+        are unobserved); with no table, or with unconditional true (the table
+        is set aside for the run), the marginals are unconditional. SLW true
+        enumerates all joint states instead of running the engine.
         """
         self._check_changeable()
         if not self["GPT"]:
             raise QZError("no graph loaded")
         if not self["MPT"]:
             raise QZError("no model loaded")
-        self.run("INFER;")
-        model = self.model()
-        states, edges = model.states, model.edges
-        size = int(states.sum()) + len(model.weights)
+        # Writing a pointer register frees nothing: the table comes back after the run.
+        self._run_with("INFER;", {"DPT": 0} if unconditional else {})
+        states, edges, _ = self._layout()
+        size = int(states.sum()) + sum(int(states[s]) * int(states[t]) for s, t in edges)
         address = self["PPT"]
         if not address:
             raise QZError("INFER published no marginals: IDX and VAL name no instantiation")
         flat = np.ctypeslib.as_array((ctypes.c_double * size).from_address(address)).copy()
-        return Marginals(flat, states, edges, self["LNZ"])
+        names, labels = self._labels(states)
+        return Marginals(flat, states, edges, self["LNZ"], names, labels)
+
+    def predict(self, probabilities: bool = False) -> Any:
+        """Complete the missing cells of the loaded table with the model's most probable states.
+
+        Runs PREDICT with PPX true. Each missing cell gets the state of largest
+        max-marginal that PREDICT publishes for it (in a floating-point model
+        the library itself leaves state 0 in such a cell; in an integer model
+        its cell is taken as it is). The engine of INF conditions on the
+        row's present cells; the junction tree (ALG JT) does not, and a
+        warning says so. The table must be in host memory (loaded
+        from a DataFrame or an array); it keeps its missing cells, so that
+        predict may be asked again.
+
+        Returns a DataFrame with the original index, column labels, values
+        and dtypes when the table came from a DataFrame, else the completed
+        uint16 codes. With probabilities true, returns (completed, p), p of
+        the same shape holding the max-marginal of each predicted cell and
+        NaN where the cell was observed.
+        """
+        self._check_changeable()
+        if self._table is None:
+            raise QZError("predict() completes a table in host memory: load it from a DataFrame or an array")
+        if not self["MPT"]:
+            raise QZError("no model loaded")
+        codes = self._table
+        missing = codes == MISSING
+        if missing.any() and self["INF"] == 1 and self["VAL"] >= 4:
+            warnings.warn(
+                "the junction tree (ALG JT) ignores the observed cells of a row, so that PREDICT gives "
+                "every row the unconditional states: use ALG LBP for predictions",
+                RuntimeWarning,
+                stacklevel=2,
+            )
+        self._run_with("PREDICT;", {"PPX": True})
+        states = self._layout()[0]
+        names = self._model_names(states)
+        integer = self["VAL"] < 4
+        done = codes.copy()
+        prob = np.full(codes.shape, np.nan)
+        for r, c in zip(*np.nonzero(missing)):
+            if c >= len(states):
+                continue
+            text = self._cell_text(r, c)
+            state_names = names[c][1] if names is not None else [str(x) for x in range(int(states[c]))]
+            p = _parse_max_marginals(text, state_names) if text is not None else None
+            if p is None:
+                done[r, c] = MISSING  # a row the run did not reach (interrupted)
+                continue
+            k = int(done[r, c]) if integer else int(np.argmax(p))
+            done[r, c] = k
+            prob[r, c] = p[k]
+        codes[missing] = MISSING
+        result = self._frame_or_codes(done)
+        if probabilities:
+            if self._coding is not None:
+                import pandas as pd
+
+                prob = pd.DataFrame(prob, index=self._coding.index, columns=[c.label for c in self._coding.columns])
+            return result, prob
+        return result
+
+    def _cell_text(self, row, col):
+        text = self._lib.host.qzhost_table_text
+        buf = ctypes.create_string_buffer(256)
+        n = text(self._ctx, int(row), int(col), buf, 256)
+        if n < 0:
+            return None
+        if n >= 256:
+            buf = ctypes.create_string_buffer(n + 1)
+            text(self._ctx, int(row), int(col), buf, n + 1)
+        return buf.raw[:n].decode("utf-8", "surrogateescape")
+
+    def _frame_or_codes(self, codes, coding=None):
+        coding = coding if coding is not None else self._coding
+        if coding is None:
+            return codes
+        index = coding.index if len(coding.index) == codes.shape[0] else None
+        return coding.frame(codes, index)
+
+    def sample(self, n: Optional[int] = None, given: Any = None) -> Any:
+        """Draw rows from the loaded model with SAMPLE and return them labelled.
+
+        n: the number of rows, all cells unobserved (default GNU).
+        given: instead, a DataFrame (or array of codes) whose present cells
+            each drawn row keeps; its missing cells are drawn.
+
+        The loaded table stays as it was: the rows are drawn into a table of
+        their own. PAM chooses the sampler (0.0 Gibbs, else perturb-and-MAP
+        with that noise scale), SEED makes the draws reproducible. The
+        library draws unobserved cells in integer models (VAL UINT8 to
+        UINT64) only: in a floating-point model they come back as the first
+        state, and a warning says so. Returns a DataFrame with the model's
+        names and labels (pandas needed), or codes without pandas.
+        """
+        self._check_changeable()
+        if not self["MPT"]:
+            raise QZError("no model loaded")
+        states = self._layout()[0]
+        names = self._model_names(states)
+        if names is None:
+            names = [("X%d" % v, [str(x) for x in range(int(y))]) for v, y in enumerate(states)]
+        coding = None
+        if given is not None:
+            if "pandas" in sys.modules and isinstance(given, sys.modules["pandas"].DataFrame):
+                from . import _frame
+
+                coding, codes = _frame.code_frame_for_model(given, names)
+            else:
+                codes = np.array(_as_table(given)[0], copy=True)
+        else:
+            rows = int(self["GNU"] if n is None else n)
+            if rows < 0:
+                raise ValueError("n is a number of rows, not %d" % rows)
+            codes = np.full((rows, len(states)), MISSING, dtype=np.uint16)
+        if codes.shape[1] != len(states):
+            raise QZError("the rows have %d columns, but the model has %d variables" % (codes.shape[1], len(states)))
+        unobserved = bool((codes == MISSING).any())
+        columns, counts, flat = self._name_arrays(names)
+        table = self._new_table(codes, columns, counts, flat, False)
+        kept = self["DPT"]
+        try:
+            self["DPT"] = table
+        except BaseException:
+            self._lib.host.qzhost_table_free(table)
+            raise
+        try:
+            self.run("SAMPLE;")
+        finally:
+            if not self.wedged:
+                self.run("DEL DPT;")
+                self["DPT"] = kept
+        if unobserved and self["VAL"] >= 4:
+            warnings.warn(
+                "SAMPLE draws unobserved cells in integer models only (VAL UINT8 to UINT64): "
+                "in this floating-point model they hold the first state",
+                RuntimeWarning,
+                stacklevel=2,
+            )
+        if coding is None and self._coding is not None:
+            from . import _frame
+
+            coding = _frame.coding_for_model(self._coding, names)
+        if coding is not None:
+            return coding.frame(codes, coding.index)
+        if _pandas_available():
+            from . import _frame
+
+            return _frame.frame_of_codes(codes, [v for v, _ in names], [x for _, x in names])
+        return codes
+
+
+def _pandas_available():
+    try:
+        import pandas  # noqa: F401
+    except ImportError:
+        return False
+    return True
+
+
+def _parse_max_marginals(text, names):
+    """The probabilities in a PREDICT cell text "[a:0.25;b:0.75]", read by the known state names.
+
+    None for a text of another form.
+    """
+    if not text.startswith("["):
+        return None
+    out = np.empty(len(names))
+    pos = 1
+    for j, name in enumerate(names):
+        if not text.startswith(name + ":", pos):
+            return None
+        pos += len(name) + 1
+        end = text.find(";" if j + 1 < len(names) else "]", pos)
+        if end < 0:
+            return None
+        try:
+            out[j] = float(text[pos:end])
+        except ValueError:
+            return None
+        pos = end + 1
+    return out
 
 
 def _kind_number(name):
