@@ -118,6 +118,20 @@ struct InterruptScope {
     }
 };
 
+typedef void (*progress_fn)(size_t, size_t, const char*);
+
+// The run in progress on this thread, the callback that ordinary progress
+// reports are forwarded to, and the warnings kept since the last take.
+thread_local void* tl_runCtx = nullptr;
+thread_local progress_fn tl_forward = nullptr;
+thread_local std::string tl_warnings;
+
+struct RunScope {
+    void* before;
+    explicit RunScope(void* ctx) : before(tl_runCtx) { tl_runCtx = ctx; }
+    ~RunScope() { tl_runCtx = before; }
+};
+
 inline bool isObject(const void* p) { return p != nullptr && p != (void*)1; }
 
 // Fills the model's layout: vertices and edges of the loaded graph (the one
@@ -283,7 +297,39 @@ extern "C" {
 // that the host's own interrupt handling belongs to.
 int qzhost_run(void* ctx, int catch_interrupt, char* msg, size_t msgcap, char* type, size_t typecap) {
     InterruptScope scope(catch_interrupt != 0);
+    RunScope run(ctx);
     return guarded([&] { return run_ctx(ctx); }, msg, msgcap, type, typecap);
+}
+
+// The progress callback that the package puts into CBP. The library's
+// warnings (texts that start with "warning: ") are kept with their program
+// line for the host to take after the run; every other report goes on to
+// the callback set with qzhost_set_forward, if any. Both are per thread: a
+// run reports on the thread that runs it.
+void qzhost_progress(size_t done, size_t total, const char* text) {
+    static const char kWarning[] = "warning: ";
+    if (text != nullptr && std::strncmp(text, kWarning, sizeof(kWarning) - 1) == 0) {
+        const size_t line = tl_runCtx != nullptr ? static_cast<vm_t*>(tl_runCtx)->bits(vm_t::LNN) + 1 : 0;
+        tl_warnings += std::to_string(line) + '\t' + (text + sizeof(kWarning) - 1) + '\n';
+        return;
+    }
+    if (tl_forward != nullptr) tl_forward(done, total, text);
+}
+
+// The callback that qzhost_progress forwards ordinary reports to on this
+// thread; null for none.
+void qzhost_set_forward(progress_fn forward) { tl_forward = forward; }
+
+// The warnings of this thread's last run, one a line as "LINE<tab>TEXT", and
+// forgets them once they fit: the result is their length, and buf (of cap
+// bytes) gets them when the length is below cap.
+size_t qzhost_take_warnings(char* buf, size_t cap) {
+    const size_t n = tl_warnings.size();
+    if (n < cap) {
+        copyOut(tl_warnings, buf, cap);
+        tl_warnings.clear();
+    }
+    return n;
 }
 
 // ctx_write_reg without the exception: SEP refuses '|' by throwing.

@@ -118,6 +118,8 @@ class Library:
         _declare(self.host, "qzhost_write_reg", ctypes.c_int, [vp, cp, sz, cp, sz, cp, sz])
         _declare(self.host, "qzhost_reset", ctypes.c_int, [vp, cp, sz, cp, sz])
         _declare(self.host, "qzhost_running", ctypes.c_int, [vp])
+        _declare(self.host, "qzhost_set_forward", None, [vp])
+        _declare(self.host, "qzhost_take_warnings", sz, [cp, sz])
         _declare(self.host, "qzhost_register_count", sz, [])
         _declare(self.host, "qzhost_register_name", cp, [sz, _int_p])
         _declare(self.host, "qzhost_register_kind", ctypes.c_int, [cp])

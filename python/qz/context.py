@@ -52,6 +52,13 @@ def _check_table_shape(path, header):
                               % (path, no, cells, expected, first))
 
 
+class QZWarning(UserWarning):
+    """A warning of the library about a run that went on: a result that is not
+    a finite number, loopy belief propagation over vertices without edges, a
+    structure search that stopped early. The text starts with "line N: ", the
+    program line (counted from 1) whose instruction gave it."""
+
+
 class QZError(RuntimeError):
     """A failure reported by the library.
 
@@ -533,6 +540,7 @@ class Context:
         self._progress_error = None
         self._callback = _progress_trampoline(weakref.ref(self))
         self._callback_address = ctypes.cast(self._callback, ctypes.c_void_p).value
+        self._relay_address = ctypes.cast(self._lib.host.qzhost_progress, ctypes.c_void_p).value
         self._hook = _optimizer_trampoline(weakref.ref(self), self._lib.run_flag)
         self._hook_address = ctypes.cast(self._hook, ctypes.c_void_p).value
         handle = self._lib.qz.create_ctx()
@@ -737,10 +745,11 @@ class Context:
         self._install_progress()
 
     def _install_progress(self):
-        # Without a callback CBP stays null, so that the library makes no
-        # calls into Python at all.
-        address = self._callback_address if self._progress is not None else 0
-        status, msg, etype = self._write_bits("CBP", address)
+        # CBP is the host helper's C function, which keeps the library's
+        # warnings and forwards the other reports to Python only when a
+        # callback is set (qzhost_set_forward, before each run): without one,
+        # the library makes no calls into Python at all.
+        status, msg, etype = self._write_bits("CBP", self._relay_address)
         if status == 0:
             raise self._refused()
         # The optimizer's hook records the objective of ESTIMATE (traces);
@@ -795,11 +804,14 @@ class Context:
         msg = ctypes.create_string_buffer(_MSG_CAP)
         etype = ctypes.create_string_buffer(256)
         self._progress_error = None
+        self._lib.host.qzhost_set_forward(self._callback_address if self._progress is not None else None)
         try:
             status = self._lib.host.qzhost_run(self._handle(), 1 if catch else 0, msg, _MSG_CAP, etype, 256)
         finally:
+            self._lib.host.qzhost_set_forward(None)
             if isinstance(self._progress, TqdmProgress):
                 self._progress.close()
+            self._warn_from_run()
         interrupted = catch and not self._lib.run_flag.value
         if interrupted:
             # The library never sets the flag back; an interactive session goes
@@ -816,6 +828,18 @@ class Context:
             raise error
         if interrupted:
             raise KeyboardInterrupt
+
+    def _warn_from_run(self):
+        # The warnings the library gave during the run on this thread, each
+        # as a QZWarning naming its program line.
+        size = self._lib.host.qzhost_take_warnings(None, 0)
+        if size == 0:
+            return
+        buf = ctypes.create_string_buffer(size + 1)
+        self._lib.host.qzhost_take_warnings(buf, size + 1)
+        for row in buf.value.decode("utf-8", "replace").splitlines():
+            line, _, text = row.partition("\t")
+            warnings.warn(QZWarning("line %s: %s" % (line, text)), stacklevel=3)
 
     def reset(self) -> None:
         """Release the context's table, graph, model and strings and restore all register defaults.

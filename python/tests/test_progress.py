@@ -50,13 +50,22 @@ def test_callback_receives_the_reports_of_predict_and_score():
     assert score == [(i, 12, "SCORE") for i in range(1, 13)]
 
 
-def test_without_a_callback_cbp_stays_null():
-    with qz.Context(progress=False) as ctx:
-        assert ctx["CBP"] == 0 and ctx.progress is None
-        ctx.progress = lambda d, t, label: None
-        assert ctx["CBP"] != 0
+def test_without_a_callback_no_report_reaches_python():
+    # CBP holds the host helper's relay whatever the setting; it forwards to
+    # Python only while a callback is set.
+    reports = []
+    with qz.Context(seed=1, progress=False) as ctx:
+        relay = ctx["CBP"]
+        assert relay != 0 and ctx.progress is None
+        fitted(ctx)
+        ctx.progress = lambda *r: reports.append(r)
+        assert ctx["CBP"] == relay
+        ctx.run("SCORE;")
+        assert len(reports) == 12
         ctx.progress = None
-        assert ctx["CBP"] == 0
+        assert ctx["CBP"] == relay
+        ctx.run("SCORE;")
+        assert len(reports) == 12
 
 
 def test_reset_installs_the_callback_again():
