@@ -273,6 +273,11 @@ Solution solve(const SolveOptions& o, void (*report)(const std::string&)) {
         }
     }
 
+    return runAlgorithm(F, M, evp, alg, o);
+}
+
+Solution runAlgorithm(const FactorModel& F, const PairModel& M, const Evidence* evp, const std::string& alg,
+                      const SolveOptions& o) {
     const std::unique_ptr<Graph> G = makeGraph(M);
     std::vector<double> w = M.w;
     std::mt19937 rng((std::mt19937::result_type)o.seed);
@@ -305,8 +310,8 @@ Solution solve(const SolveOptions& o, void (*report)(const std::string&)) {
     // Observed variables are certain, whatever the rounding of an engine.
     if (evp != nullptr && o.task == "MAR")
         for (size_t v = 0; v < F.n(); ++v)
-            if (ev[v] >= 0)
-                for (size_t x = 0; x < F.card[v]; ++x) S.marginals[v][x] = (long)x == ev[v] ? 1.0 : 0.0;
+            if ((*evp)[v] >= 0)
+                for (size_t x = 0; x < F.card[v]; ++x) S.marginals[v][x] = (long)x == (*evp)[v] ? 1.0 : 0.0;
     return S;
 }
 

@@ -118,6 +118,10 @@ struct Solution {
 
 // Runs the task; `report` receives what the user should read on stderr.
 Solution solve(const SolveOptions& opt, void (*report)(const std::string&));
+// The task of `opt` by the algorithm named (JT, LBP or GIBBS), on the
+// pairwise form M of F made with the evidence (or none) and connectAll.
+Solution runAlgorithm(const FactorModel& F, const PairModel& M, const Evidence* evidence, const std::string& alg,
+                      const SolveOptions& opt);
 std::string formatSolution(const Solution& s);
 
 }  // namespace uai
