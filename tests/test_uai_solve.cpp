@@ -4,6 +4,7 @@
 #include <qz_process_util.h>
 #include <qz_test_util.h>
 #include <qz_uai_net.h>
+#include <uai/uai.h>
 
 #include <unistd.h>
 
@@ -349,4 +350,29 @@ TEST(UaiSolve, CommandLine) {
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(r.out, "MAP\n2 1 0\n");
     EXPECT_EQ(r.err, "");
+}
+
+TEST(UaiSolve, PlanningStopsAtTheFirstTableBeyondTheLimit) {
+    // A 6 x 6 grid of 3 states with a factor over three variables: the walk
+    // that stops early and the junction tree agree on the largest table.
+    uai::FactorModel F;
+    F.card.assign(36, 3);
+    for (size_t r = 0; r < 6; ++r)
+        for (size_t c = 0; c < 6; ++c) {
+            const size_t v = r * 6 + c;
+            if (c + 1 < 6) F.factors.push_back({{v, v + 1}, table(9, v), 0});
+            if (r + 1 < 6) F.factors.push_back({{v, v + 6}, table(9, v + 1), 0});
+        }
+    F.factors.push_back({{0, 14, 35}, table(27, 7), 0});
+    const uai::PairModel M = uai::toPairwise(F, nullptr, true);
+    const uai::TablePlan all = uai::exactTableEntries(M);
+    ASSERT_TRUE(all.complete);
+    EXPECT_GE(all.total, 2 * all.largest);
+    const uai::TablePlan atLargest = uai::exactTableEntries(M, all.largest);
+    EXPECT_TRUE(atLargest.complete);
+    EXPECT_EQ(atLargest.total, all.total);
+    const uai::TablePlan below = uai::exactTableEntries(M, all.largest - 1);
+    EXPECT_FALSE(below.complete);
+    EXPECT_EQ(below.largest, all.largest);
+    EXPECT_EQ(below.total, all.largest);
 }

@@ -14,6 +14,7 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 
 namespace uai {
@@ -206,13 +207,52 @@ void gibbs(QZ::LBP<size_t, double>& ia, const FactorModel& F, const PairModel& M
 
 }  // namespace
 
-TablePlan exactTableEntries(const PairModel& M) {
-    // Today the exact engine's tables are those of qz's junction tree over
-    // the model's graph (cliques and separators alike); the estimate must
-    // follow its planner wherever that goes.
+TablePlan exactTableEntries(const PairModel& M, double limit) {
+    // The exact engine's tables are today those of qz's junction tree over
+    // the model's graph, cliques and separators alike; this estimate must
+    // follow the engine's planner wherever that goes. Its cliques are the
+    // largest of the tables met when the vertices are eliminated in the order
+    // of maximum cardinality search. That elimination is walked here first,
+    // and stops at the first table beyond the limit: on a large grid the
+    // junction tree itself takes far longer to build than the answer is
+    // worth. Only when every table fits is the tree made, for all its tables.
     const std::unique_ptr<Graph> G = makeGraph(M);
-    const QZ::JunctionTree<size_t> H(*G);
+    const size_t n = M.n();
+    std::vector<size_t> order(n + 1);
+    const QZ::AbstractGraph<size_t>* Gp = G.get();
+    QZ::MCS<size_t>(order.data(), Gp);
+    std::vector<std::set<size_t>> nb(n);
+    for (const auto& e : M.edges) {
+        nb[e.first].insert(e.second);
+        nb[e.second].insert(e.first);
+    }
+    std::vector<char> gone(n, 0);
+    std::vector<size_t> rest;
     TablePlan plan;
+    for (size_t i = 0; i < n; ++i) {
+        const size_t v = order[i];
+        gone[v] = 1;
+        rest.clear();
+        double entries = (double)M.Y[v];
+        for (size_t u : nb[v])
+            if (!gone[u]) {
+                rest.push_back(u);
+                entries *= (double)M.Y[u];
+            }
+        plan.largest = std::max(plan.largest, entries);
+        if (entries > limit) {
+            plan.total = entries;
+            plan.complete = false;
+            return plan;
+        }
+        for (size_t a = 0; a < rest.size(); ++a)
+            for (size_t b = a + 1; b < rest.size(); ++b) {
+                nb[rest[a]].insert(rest[b]);
+                nb[rest[b]].insert(rest[a]);
+            }
+    }
+    const QZ::JunctionTree<size_t> H(*G);
+    plan.largest = 0;
     for (size_t C = 0; C < (size_t)H.vertices(); ++C) {
         double entries = 1.0;
         for (const size_t& v : *H.vertexObjects(C)) entries *= (double)M.Y[v];
@@ -258,13 +298,16 @@ Solution solve(const SolveOptions& o, void (*report)(const std::string&)) {
         report("MAP by max-product loopy belief propagation: the junction tree engine sums over joint states and "
                "gives no most probable one");
     } else if (alg.empty()) {
-        const TablePlan plan = exactTableEntries(M);
-        const double need = plan.total * exactBytesPerEntry();
         const double budget = (o.maxMb >= 0 ? o.maxMb * 1048576.0 : physicalBytes() / 4);
-        const std::string tables = "tables hold " + number(plan.total, "%.4g") + " entries (the largest " +
-                                 number(plan.largest, "%.4g") + "), " + number(need / 1048576.0, "%.4g") + " MB";
+        const TablePlan plan = exactTableEntries(M, budget / exactBytesPerEntry());
+        const double need = plan.total * exactBytesPerEntry();
+        const std::string tables =
+            plan.complete ? "tables hold " + number(plan.total, "%.4g") + " entries (the largest " +
+                                number(plan.largest, "%.4g") + "), " + number(need / 1048576.0, "%.4g") + " MB"
+                          : "tables hold more than " + number(plan.total, "%.4g") + " entries (one alone), over " +
+                                number(need / 1048576.0, "%.4g") + " MB";
         const std::string limit = number(budget / 1048576.0, "%.4g") + " MB (--max-mb)";
-        if (need <= budget) {
+        if (plan.complete && need <= budget) {
             alg = "JT";
             report("junction tree (exact): its " + tables + ", within the budget of " + limit);
         } else {

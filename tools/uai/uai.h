@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -90,12 +91,15 @@ void writeEvidenceTable(const PairModel& M, const std::vector<Evidence>& rows, c
 // ------------------------------------------------------------------ solving
 
 // The memory the exact engine would take for a pairwise model, as entries of
-// its tables: the largest one and all of them.
+// its tables: the largest one and all of them. Planning stops at the first
+// table of more than `limit` entries: the plan is then not complete, and
+// both numbers are that table's.
 struct TablePlan {
     double largest = 0;
     double total = 0;
+    bool complete = true;
 };
-TablePlan exactTableEntries(const PairModel& M);
+TablePlan exactTableEntries(const PairModel& M, double limit = std::numeric_limits<double>::infinity());
 // Bytes the exact engine holds per table entry.
 double exactBytesPerEntry();
 
