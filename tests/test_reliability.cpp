@@ -535,6 +535,35 @@ TEST(Reliability, BinaryHeaderBeyondTheFileIsReported) {
     EXPECT_THROW(runLines(h, {"DFN " + quoted(bare), "LDX DPT;"}), std::bad_alloc);
 }
 
+TEST(Reliability, BinaryHeaderOfRowsWithoutColumnsIsReported) {
+    // A row of no columns takes no byte: the file cannot bound such rows, and
+    // this header once had the loader walk all of them, deaf to interrupts.
+    const std::string huge = binaryFile("norows", binaryTable(1ull << 62, 0, 2, {}));
+    Ctx c;
+    EXPECT_EQ(failureOf(c, {"DFN " + quoted(huge), "LDX DPT;"}),
+              "binary table " + huge + " announces 4611686018427387904 rows, 0 columns and 2 categories: rows need at "
+              "least one column");
+    EXPECT_EQ(reg(c, "DPT"), 0u);
+    // Bytes behind the header do not make such rows any more real.
+    const std::string three = binaryFile("norows3", binaryTable(3, 0, 2, {1, 0, 1}));
+    Ctx d;
+    EXPECT_EQ(failureOf(d, {"DFN " + quoted(three), "LDX DPT;"}),
+              "binary table " + three + " announces 3 rows, 0 columns and 2 categories: rows need at least one column");
+    // Also under a layer list, whose hidden columns would be added to every row.
+    Ctx e;
+    EXPECT_EQ(failureOf(e, {"DFN " + quoted(huge), "GRA RBM", "LDX DPT;"}),
+              "binary table " + huge + " announces 4611686018427387904 rows, 0 columns and 2 categories: rows need at "
+              "least one column");
+    // No rows and no columns is an empty table.
+    const std::string empty = binaryFile("empty", binaryTable(0, 0, 2, {}));
+    Ctx g;
+    EXPECT_EQ(failureOf(g, {"DFN " + quoted(empty), "LDX DPT;"}), "");
+    ASSERT_NE(table(g), nullptr);
+    EXPECT_EQ(table(g)->rows(), 0u);
+    EXPECT_EQ(table(g)->columns(), 0u);
+    EXPECT_EQ(reg(g, "NXX"), 0u);
+}
+
 // ------------------------------------------------------------ UINT8 dimensions
 
 TEST(Reliability, ModelTooLargeForItsIndexTypeIsReported) {
