@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <new>
 
 namespace QZ {
 
@@ -170,7 +171,9 @@ void CategoricalData::write(std::ostream& out) const {
 
 void CategoricalData::addColumns(const size_t& num, const size_t& _Y) {
     unsigned short* old = xdata;
-    xdata = new unsigned short[N * (H + num)];
+    size_t cells;
+    if (__builtin_mul_overflow(N, H + num, &cells)) throw std::bad_array_new_length();
+    xdata = new unsigned short[cells];
     for (size_t j = H; j < H + num; ++j) {
         if (hasHeader) header.push_back("H" + std::to_string(j + 1));
         added.push_back(true);
@@ -187,7 +190,8 @@ void CategoricalData::addColumns(const size_t& num, const size_t& _Y) {
         }
     }
     const size_t stride = H + num;
-    for (size_t i = 0; i < N; ++i) {
+    // Rows without any added column have nothing to fill or move.
+    for (size_t i = 0; stride > 0 && i < N; ++i) {
         unsigned short* dst = xdata + i * stride;
         if (old != nullptr && H > 0) std::memcpy(dst, old + i * H, H * sizeof(unsigned short));
         std::fill(dst + H, dst + stride, MIS_VAL);

@@ -20,7 +20,10 @@ typedef std::vector<std::vector<std::string>*> NameLists;
 // reader takes that on trust. Here the cells it announces must be in the file
 // (a header of huge counts would otherwise have it allocate and wait for
 // bytes that never come), a category must fit the 16-bit code, and the names
-// it makes for every column's categories must fit into memory at all.
+// it makes for every column's categories must fit into memory at all. Rows
+// are bounded on their own too: a row of no columns takes no byte of the
+// file, so that a header of no columns could announce any number of rows,
+// which every later pass over the table would walk, one by one.
 void checkBinaryHeader(const std::string& fn) {
     std::ifstream in(fn, std::ios::binary);
     size_t head[4] = {0, 0, 0, 0};
@@ -31,6 +34,7 @@ void checkBinaryHeader(const std::string& fn) {
     size_t cells;
     if (len < sizeof(head) || __builtin_mul_overflow(N, n, &cells) || cells > len - sizeof(head))
         throw std::logic_error(what + ", but holds only " + std::to_string(len) + " bytes");
+    if (n == 0 && N > 0) throw std::logic_error(what + ": rows need at least one column");
     if (sX > CategoricalData::MIS_VAL) throw std::logic_error(what + ": a category code has 16 bits");
     // A name costs a map node and a string, some 100 bytes; a column its own
     // map and list of names, some 128 bytes, also with no category at all.

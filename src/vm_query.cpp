@@ -66,10 +66,11 @@ template <typename idx_t, typename val_t> struct Query {
         backup0 = nullptr;
     }
 
-    idx_t ysum() const {
+    // In size_t: the states of all vertices need not fit idx_t.
+    size_t ysum() const {
         const idx_t n = io->G->vertices();
-        idx_t s = 0;
-        for (idx_t v = 0; v < n; ++v) s += io->Y[v];
+        size_t s = 0;
+        for (idx_t v = 0; v < n; ++v) s += (size_t)io->Y[v];
         return s;
     }
 };
@@ -129,8 +130,8 @@ template <typename idx_t, typename val_t> void inferFunc0(vm_t& vm) {
     const idx_t n = G->vertices();
     const idx_t m = G->edges();
     const idx_t* Y = q.io->Y;
-    idx_t ysum = 0;
-    for (idx_t v = 0; v < n; ++v) ysum += Y[v];
+    size_t ysum = 0;
+    for (idx_t v = 0; v < n; ++v) ysum += (size_t)Y[v];
 
     if (vm.getP(vm_t::PPT) != nullptr) vm.freeMarginals();
     double* PP = new double[(size_t)q.io->dim + (size_t)ysum];

@@ -12,6 +12,8 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -103,6 +105,30 @@ TEST(InferenceBase, CalcDimWrapsInNarrowIndexType) {
     EXPECT_EQ(QZ::calcDim<unsigned char>(G.get(), Y), 0);  // 512 mod 256
     unsigned char Y2[] = {16, 16, 1};
     EXPECT_EQ(QZ::calcDim<unsigned char>(G.get(), Y2), 16);  // 272 mod 256
+}
+
+TEST(InferenceBase, EnginesRefuseWeightsTheIndexTypeCannotCount) {
+    // 16 * 16 weights on each of two edges: 512, which calcDim wraps to 0.
+    auto G = makeGraph<unsigned char>(3, {{0, 1}, {1, 2}});
+    const unsigned char Y[] = {16, 16, 16};
+    const auto refusal = [&](auto make) {
+        try {
+            make();
+        } catch (const std::logic_error& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    const std::string msg = "too many weights for idx_t of 8 bits";
+    EXPECT_EQ(refusal([&]() { QZ::HuginAlgorithm<unsigned char, double> jt(G.get(), Y, nullptr, nullptr); }), msg);
+    EXPECT_EQ(refusal([&]() { QZ::SQMplus<unsigned char, double> sq(G.get(), Y, nullptr, nullptr, 2); }), msg);
+    EXPECT_EQ(refusal([&]() { QZ::LBP<unsigned char, double> bp(G.get(), Y, nullptr, nullptr, false); }), msg);
+    // A single block of 16 * 15 = 240 weights fits, and the engine lays it out.
+    auto one = makeGraph<unsigned char>(2, {{0, 1}});
+    const unsigned char Y1[] = {16, 15};
+    QZ::HuginAlgorithm<unsigned char, double> jt(one.get(), Y1, nullptr, nullptr);
+    EXPECT_EQ(jt.wdim(), 240);
+    EXPECT_EQ(jt.edgeWeightOffset(0), 0);
 }
 
 TEST(InferenceBase, WeightBlocksFollowEdgeOrderWithSecondVertexFastest) {

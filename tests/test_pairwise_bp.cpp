@@ -18,6 +18,8 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -158,6 +160,72 @@ TEST(PairwiseBP, MessageBlocksFollowEdgeOrderBothDirections) {
     EXPECT_EQ(bp.off_messages(1, true) - base, 12 + 8);
     EXPECT_EQ(bp.getMaxIter(), 2u);  // the number of edges
     EXPECT_TRUE(bp.tree());
+}
+
+namespace {
+
+// The message error of an engine built from G and Y, or "" when it is built.
+template <typename E, typename idx_t> std::string refusal(const QZ::AbstractGraph<idx_t>* G, const idx_t* Y) {
+    try {
+        E bp(G, Y, nullptr, nullptr, false);
+    } catch (const std::logic_error& e) {
+        return e.what();
+    }
+    return "";
+}
+
+qztest::EdgeList complete(size_t n) {
+    qztest::EdgeList el;
+    for (size_t s = 0; s < n; ++s)
+        for (size_t t = s + 1; t < n; ++t) el.push_back({s, t});
+    return el;
+}
+
+qztest::EdgeList chain(size_t n) {
+    qztest::EdgeList el;
+    for (size_t v = 0; v + 1 < n; ++v) el.push_back({v, v + 1});
+    return el;
+}
+
+}  // namespace
+
+TEST(PairwiseBP, MessagesThatTheIndexTypeCannotCountAreRefused) {
+    // The complete graph on 9 binary vertices: its 36 edges of 4 weights
+    // (144) fit 8 bits, but the two copies of the messages, 2 entries each way
+    // of an edge, hold 2 * 36 * (2 + 2) = 288 entries, which wrap to 32.
+    auto K9 = makeGraph<unsigned char>(9, complete(9));
+    const std::vector<unsigned char> Y(40, 2);
+    ASSERT_EQ(QZ::calcDim<unsigned char>(K9.get(), Y.data()), 144);
+    const std::string msg = "too many message entries for idx_t of 8 bits";
+    EXPECT_EQ((refusal<QZ::LBP<unsigned char, double>>(K9.get(), Y.data())), msg);
+    EXPECT_EQ((refusal<QZ::LBP<unsigned char, float>>(K9.get(), Y.data())), msg);
+    EXPECT_EQ((refusal<QZ::BitLengthBP<unsigned char>>(K9.get(), Y.data())), msg);
+
+    // A binary chain holds 8 entries an edge in the two copies: 31 edges fill
+    // 248 of the 255 entries that 8 bits count, 32 edges would need 256.
+    auto C32 = makeGraph<unsigned char>(32, chain(32));
+    RawBP<unsigned char, double> fits(C32.get(), Y.data(), nullptr);
+    EXPECT_EQ((size_t)fits.message_entries(), 124u);  // one copy
+    auto C33 = makeGraph<unsigned char>(33, chain(33));
+    EXPECT_EQ((refusal<QZ::LBP<unsigned char, double>>(C33.get(), Y.data())), msg);
+
+    // 16 bits: 8193 binary vertices in a chain have 32768 weights, but
+    // 8 * 8192 = 65536 message entries.
+    auto C8193 = makeGraph<unsigned short>(8193, chain(8193));
+    const std::vector<unsigned short> Y16(8193, 2);
+    EXPECT_EQ((refusal<QZ::LBP<unsigned short, double>>(C8193.get(), Y16.data())),
+              "too many message entries for idx_t of 16 bits");
+    auto C8192 = makeGraph<unsigned short>(8192, chain(8192));
+    EXPECT_EQ((refusal<QZ::LBP<unsigned short, double>>(C8192.get(), Y16.data())), "");
+
+    // Vertices without edges send nothing, but their states are counted in
+    // the log products all the same: 200 + 100 states.
+    auto two = makeGraph<unsigned char>(2, {});
+    const unsigned char wide[] = {200, 100};
+    EXPECT_EQ((refusal<QZ::LBP<unsigned char, double>>(two.get(), wide)), "too many states for idx_t of 8 bits");
+    // Weights are counted first, as the model counts them.
+    auto pair = makeGraph<unsigned char>(2, {{0, 1}});
+    EXPECT_EQ((refusal<QZ::LBP<unsigned char, double>>(pair.get(), wide)), "too many weights for idx_t of 8 bits");
 }
 
 TEST(PairwiseBP, DefaultEpsilonPerValueType) {

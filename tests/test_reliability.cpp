@@ -535,6 +535,35 @@ TEST(Reliability, BinaryHeaderBeyondTheFileIsReported) {
     EXPECT_THROW(runLines(h, {"DFN " + quoted(bare), "LDX DPT;"}), std::bad_alloc);
 }
 
+TEST(Reliability, BinaryHeaderOfRowsWithoutColumnsIsReported) {
+    // A row of no columns takes no byte: the file cannot bound such rows, and
+    // this header once had the loader walk all of them, deaf to interrupts.
+    const std::string huge = binaryFile("norows", binaryTable(1ull << 62, 0, 2, {}));
+    Ctx c;
+    EXPECT_EQ(failureOf(c, {"DFN " + quoted(huge), "LDX DPT;"}),
+              "binary table " + huge + " announces 4611686018427387904 rows, 0 columns and 2 categories: rows need at "
+              "least one column");
+    EXPECT_EQ(reg(c, "DPT"), 0u);
+    // Bytes behind the header do not make such rows any more real.
+    const std::string three = binaryFile("norows3", binaryTable(3, 0, 2, {1, 0, 1}));
+    Ctx d;
+    EXPECT_EQ(failureOf(d, {"DFN " + quoted(three), "LDX DPT;"}),
+              "binary table " + three + " announces 3 rows, 0 columns and 2 categories: rows need at least one column");
+    // Also under a layer list, whose hidden columns would be added to every row.
+    Ctx e;
+    EXPECT_EQ(failureOf(e, {"DFN " + quoted(huge), "GRA RBM", "LDX DPT;"}),
+              "binary table " + huge + " announces 4611686018427387904 rows, 0 columns and 2 categories: rows need at "
+              "least one column");
+    // No rows and no columns is an empty table.
+    const std::string empty = binaryFile("empty", binaryTable(0, 0, 2, {}));
+    Ctx g;
+    EXPECT_EQ(failureOf(g, {"DFN " + quoted(empty), "LDX DPT;"}), "");
+    ASSERT_NE(table(g), nullptr);
+    EXPECT_EQ(table(g)->rows(), 0u);
+    EXPECT_EQ(table(g)->columns(), 0u);
+    EXPECT_EQ(reg(g, "NXX"), 0u);
+}
+
 // ------------------------------------------------------------ UINT8 dimensions
 
 TEST(Reliability, ModelTooLargeForItsIndexTypeIsReported) {
@@ -553,6 +582,107 @@ TEST(Reliability, ModelTooLargeForItsIndexTypeIsReported) {
     EXPECT_EQ(failureOf(d, {"HED false", "idx_t UINT8", "DFN " + quoted(f), "LDX DPT;", "GRA CHAIN", "LDX GPT;",
                             "MODEL;", "INFER;"}),
               "");
+}
+
+namespace {
+
+// rows (at least 2) over `cols` binary columns, behind the discarded line:
+// a row of all a, one of all b, then a scrambled pattern.
+std::string binaryColumns(size_t cols, size_t rows) {
+    std::string t = "discarded\n";
+    for (size_t r = 0; r < rows; ++r) {
+        for (size_t j = 0; j < cols; ++j) {
+            const bool a = r < 2 ? r == 0 : ((r * 2654435761u + j * 40503u + r * j * 97u) >> 7) % 3 == 0;
+            t += std::string(j ? "," : "") + (a ? "a" : "b");
+        }
+        t += "\n";
+    }
+    return t;
+}
+
+}  // namespace
+
+TEST(Reliability, EnginesWhoseMessagesTheIndexTypeCannotCountAreRefused) {
+    // 9 binary columns over the complete graph: 36 edges of 4 weights (144)
+    // fit 8 bits, the 2 * 36 * (2 + 2) = 288 message entries of the two
+    // copies do not. Every instruction that builds the engine says so, and
+    // the model stays as it was.
+    const std::string f = csvFile("rel_msg8", binaryColumns(9, 12));
+    const std::string msg = "too many message entries for idx_t of 8 bits";
+    for (const char* types : {"idx_t UINT8 val_t FLT64", "idx_t UINT8 val_t FLT32", "idx_t UINT8 val_t UINT8"}) {
+        SCOPED_TRACE(types);
+        for (const char* q : {"INFER;", "PREDICT;", "PPX true PREDICT;", "SCORE;", "SAMPLE;", "PAM 0.0 SAMPLE;",
+                              "OPT 4 STP 0.1 MIO 3 ESTIMATE;", "REP ISING INFER;"}) {
+            SCOPED_TRACE(q);
+            Ctx c;
+            EXPECT_EQ(failureOf(c, {"HED false", types, "DFN " + quoted(f), "LDX DPT;", "GRA FULL", "LDX GPT;", "MODEL;",
+                                    "INITGAUSS;", q}),
+                      msg);
+            EXPECT_EQ(reg(c, "DIM"), 144u);
+            EXPECT_EQ(reg(c, "PPT"), 0u);
+        }
+    }
+    // 16 bits count them, and the marginals are those of the 64-bit run.
+    std::vector<double> pp[2];
+    int k = 0;
+    for (const char* types : {"idx_t UINT16 val_t FLT64", "idx_t UINT64 val_t FLT64"}) {
+        Ctx c;
+        wreg(c, "SEED", 3);
+        EXPECT_EQ(failureOf(c, {"HED false", types, "DFN " + quoted(f), "LDX DPT;", "GRA FULL", "LDX GPT;", "MODEL;",
+                                "INITGAUSS;", "INFER;"}),
+                  "");
+        const double* p = reinterpret_cast<const double*>(reg(c, "PPT"));
+        ASSERT_NE(p, nullptr);
+        pp[k++].assign(p, p + 18 + 144);
+    }
+    ASSERT_EQ(pp[0].size(), pp[1].size());
+    for (size_t i = 0; i < pp[0].size(); ++i) EXPECT_NEAR(pp[0][i], pp[1][i], 1e-12) << i;
+}
+
+TEST(Reliability, EightBitEnginesAtTheEdgeOfTheirMessageCount) {
+    // A chain of 32 binary columns: 31 edges send 8 entries each, 248 of the
+    // 255 that 8 bits count. Its marginals and scores are those of the
+    // 64-bit run, whose arrays are wide enough for anything. With 33 columns
+    // the engine is refused.
+    const std::string f32 = csvFile("rel_chain32", binaryColumns(32, 20));
+    std::vector<double> pp[2];
+    double lnz[2], res[2];
+    int k = 0;
+    for (const char* types : {"idx_t UINT8 val_t FLT64", "idx_t UINT64 val_t FLT64"}) {
+        Ctx c;
+        wreg(c, "SEED", 3);
+        EXPECT_EQ(failureOf(c, {"HED false", types, "DFN " + quoted(f32), "LDX DPT;", "GRA CHAIN", "LDX GPT;", "MODEL;",
+                                "INITGAUSS;", "SCORE;", "INFER;"}),
+                  "");
+        res[k] = regR(c, "RES");
+        lnz[k] = regR(c, "LNZ");
+        const double* p = reinterpret_cast<const double*>(reg(c, "PPT"));
+        ASSERT_NE(p, nullptr);
+        pp[k++].assign(p, p + 64 + 124);
+    }
+    EXPECT_NEAR(lnz[0], lnz[1], 1e-12);
+    EXPECT_NEAR(res[0], res[1], 1e-12);
+    for (size_t i = 0; i < pp[0].size(); ++i) EXPECT_NEAR(pp[0][i], pp[1][i], 1e-12) << i;
+    // The marginals of each vertex sum to one.
+    for (size_t v = 0; v < 32; ++v) EXPECT_NEAR(pp[0][2 * v] + pp[0][2 * v + 1], 1.0, 1e-9) << v;
+
+    const std::string f33 = csvFile("rel_chain33", binaryColumns(33, 20));
+    Ctx d;
+    EXPECT_EQ(failureOf(d, {"HED false", "idx_t UINT8 val_t FLT64", "DFN " + quoted(f33), "LDX DPT;", "GRA CHAIN",
+                            "LDX GPT;", "MODEL;", "INFER;"}),
+              "too many message entries for idx_t of 8 bits");
+}
+
+TEST(Reliability, SamplingEngineDegreeBeyondTheIndexTypeIsRefused) {
+    Ctx c;
+    const std::string f = csvFile("rel_sqm8", binaryColumns(3, 8));
+    EXPECT_EQ(failureOf(c, {"HED false", "idx_t UINT8 val_t FLT64", "DFN " + quoted(f), "LDX DPT;", "GRA CHAIN",
+                            "LDX GPT;", "MODEL;", "ALG SQM KXX 254 MIL 40 INFER;"}),
+              "too many reference points (KXX + 2) for idx_t of 8 bits");
+    Ctx d;
+    EXPECT_EQ(failureOf(d, {"HED false", "DFN " + quoted(f), "LDX DPT;", "GRA CHAIN", "LDX GPT;", "MODEL;",
+                            "ALG SQM KXX 18446744073709551615 MIL 40 INFER;"}),
+              "too many reference points (KXX + 2) for idx_t of 64 bits");
 }
 
 TEST(Reliability, CliqueSearchTooLargeForItsIndexTypeIsReported) {

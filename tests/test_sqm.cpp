@@ -17,6 +17,8 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -839,6 +841,31 @@ TEST(SQMplus, NarrowIndexCodesWrap) {
     EXPECT_GT((OpenSQM<unsigned char, double>::known()), 20u);
     EXPECT_TRUE(std::isfinite(e->A()));
     EXPECT_GT(e->A(), 0.0);
+}
+
+TEST(SQMplus, DegreeWithoutRoomForItsReferencePointsIsRefused) {
+    // The polynomial of degree k is fitted on k + 2 points that idx_t
+    // numbers: 253 + 2 fits 8 bits, 254 + 2 does not; the largest 64-bit
+    // degree would also wrap k + 1 coefficients to none.
+    const auto refusal = [](auto make) {
+        try {
+            make();
+        } catch (const std::logic_error& e) {
+            return std::string(e.what());
+        }
+        return std::string();
+    };
+    Model<unsigned char, double> M(3, chain(3));
+    EXPECT_EQ(refusal([&]() { QZ::SQMplus<unsigned char, double> e(M.G.get(), M.Y.data(), &M.engine, M.w.data(), 254); }),
+              "too many reference points (KXX + 2) for idx_t of 8 bits");
+    EXPECT_EQ(refusal([&]() { QZ::SQMplus<unsigned char, double> e(M.G.get(), M.Y.data(), &M.engine, M.w.data(), 255); }),
+              "too many reference points (KXX + 2) for idx_t of 8 bits");
+    Model<unsigned long, double> W(3, chain(3));
+    for (unsigned long k : {~0ul, ~0ul - 1})
+        EXPECT_EQ(refusal([&]() { QZ::SQMplus<unsigned long, double> e(W.G.get(), W.Y.data(), &W.engine, W.w.data(), k); }),
+                  "too many reference points (KXX + 2) for idx_t of 64 bits");
+    // Below the bound the degree is the engine's own business.
+    EXPECT_EQ(refusal([&]() { QZ::SQMplus<unsigned char, double> e(M.G.get(), M.Y.data(), &M.engine, M.w.data(), 3); }), "");
 }
 
 TEST(SQMplusDeathTest, InfiniteTermMassEndsTheProcess) {

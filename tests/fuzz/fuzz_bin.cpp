@@ -1,5 +1,6 @@
 // Fuzz host for binary tables: headers with any row, column and category
-// counts, cells above the category count, files cut short or too long.
+// counts (no columns at all among them), cells above the category count,
+// files cut short or too long.
 #include "fuzz_host.h"
 
 using namespace qzfuzz;
@@ -11,6 +12,11 @@ int main(int argc, char** argv) {
         if (chance(r, 0.1)) N = oneOf(r, huge);
         if (chance(r, 0.1)) n = oneOf(r, huge);
         if (chance(r, 0.1)) sX = chance(r, 0.5) ? oneOf(r, huge) : 0;
+        // Headers of no columns, with any number of rows, none included.
+        if (chance(r, 0.08)) {
+            n = 0;
+            if (chance(r, 0.5)) N = oneOf(r, huge);
+        }
         std::string b;
         auto put = [&b](uint64_t v) { b.append(reinterpret_cast<const char*>(&v), 8); };
         put(0x2300246e69627a71ull);

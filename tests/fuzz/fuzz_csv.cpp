@@ -1,7 +1,8 @@
 // Fuzz host for text tables: ragged rows, empty and odd tokens, missing
 // columns, carriage returns, stray bytes, read with and without a header,
 // with shared states, under any pair of index and value types, then taken
-// through a model and queries.
+// through a model and queries. Some tables are wide, for 8- and 16-bit index
+// types over graphs of as many edges as those can number.
 #include "fuzz_host.h"
 
 using namespace qzfuzz;
@@ -29,10 +30,53 @@ std::string damage(Rng& r, std::string t) {
     return t;
 }
 
+// Many columns of few states each, every state present, for narrow index
+// types: complete graphs over them have as many edges as 8 or 16 bits can
+// number, or a few more, so that weights, statistics, messages and offsets
+// fit or overflow one after the other.
+std::vector<std::string> narrowIndexProgram(Rng& r, const Scratch& s) {
+    const bool bits8 = chance(r, 0.6);
+    // 8 bits: 8 binary columns make 224 message entries over the complete
+    // graph, 9 make 288; 16 bits: 128 make 65024, 129 make 66048.
+    const size_t cols = bits8 ? 6 + pick(r, 8) : 126 + pick(r, 6);
+    const size_t states = chance(r, 0.8) ? 2 : 3;
+    const size_t rows = 2 + pick(r, 8);
+    std::string t;
+    for (size_t c = 0; c < cols; ++c) t += (c ? ",c" : "c") + std::to_string(c);
+    t += "\n";
+    for (size_t c = 0; c < cols; ++c) t += c ? ",s" : "s";
+    t += "\n";
+    for (size_t i = 0; i < rows; ++i) {
+        for (size_t c = 0; c < cols; ++c) {
+            // The first rows hold every state, so that no column has fewer.
+            const size_t x = i < states ? (i + c) % states : pick(r, states);
+            t += std::string(c ? "," : "") + (chance(r, 0.05) && i >= states ? "?" : std::string(1, (char)('a' + x)));
+        }
+        t += "\n";
+    }
+    const std::string f = s.path("wide.csv");
+    writeFile(f, t);
+    static const std::vector<std::string> t8 = {"idx_t UINT8 val_t FLT64", "idx_t UINT8 val_t FLT32",
+                                                "idx_t UINT8 val_t UINT8"};
+    static const std::vector<std::string> t16 = {"idx_t UINT16 val_t FLT64", "idx_t UINT16 val_t FLT32",
+                                                 "idx_t UINT16 val_t UINT16"};
+    static const std::vector<std::string> graphs = {"GRA FULL", "GRA FULL", "GRA FULL", "GRA STAR", "GRA CHAIN",
+                                                    "GRA GRID", "GRA CHOWLIU"};
+    std::vector<std::string> p = {oneOf(r, bits8 ? t8 : t16), "HED true", "SEED " + std::to_string(pick(r, 1000)),
+                                  "OMP " + std::to_string(1 + pick(r, 3)), "MIL " + std::to_string(1 + pick(r, 20)),
+                                  "DFN " + q(f), "LDX DPT;", oneOf(r, graphs), "LDX GPT;", "MODEL;"};
+    for (const std::string& l : queries(r, s, cols <= 20)) p.push_back(l);
+    return p;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     return fuzzMain("fuzz_csv", argc, argv, [](Rng& r, const Scratch& s, bool verbose) {
+        if (chance(r, 0.15)) {
+            const std::vector<std::string> p = narrowIndexProgram(r, s);
+            return std::function<void()>([p, verbose]() { runProgram(p, verbose); });
+        }
         const size_t rows = pick(r, 12), cols = 1 + pick(r, 6);
         std::string t = textTable(r, rows, cols, chance(r, 0.2) ? 0.9 : 0.15);
         if (chance(r, 0.15)) {
@@ -71,6 +115,6 @@ int main(int argc, char** argv) {
             for (const std::string& l : queries(r, s)) p.push_back(l);
         }
         if (verbose) std::fprintf(stderr, "--- t.csv\n%s", t.c_str());
-        return [p, verbose]() { runProgram(p, verbose); };
+        return std::function<void()>([p, verbose]() { runProgram(p, verbose); });
     });
 }

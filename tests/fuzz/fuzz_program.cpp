@@ -1,8 +1,9 @@
 // Fuzz host for program text: random sequences of assignments, keyword
 // setters and instructions over a few prepared tables, graphs and model
 // files, with sizes at the edges of the index types and an occasional
-// damaged character. Pointer registers are left alone (a number written
-// into one is the host's own doing), and jumps only go forward, so that
+// damaged character. Some programs start with a clique search of an order
+// above the number of columns. Pointer registers are left alone (a number
+// written into one is the host's own doing), and jumps only go forward, so that
 // every program ends. IDX and VAL are set once, on the first line: the
 // design makes it the program's duty to keep them as they were when a table,
 // graph or model was made (a change is not detected), as it is the host's
@@ -106,7 +107,15 @@ int main(int argc, char** argv) {
         const size_t total = 4 + pick(r, 22);
         std::vector<std::string> p = {types};
         // Mostly a sensible start, so that the later lines reach further.
-        if (chance(r, 0.8)) {
+        if (chance(r, 0.1)) {
+            // A clique search of an order above the column count of t1.csv
+            // (2 to 5 columns), up to far beyond anything that could be counted.
+            static const std::vector<std::string> orders = {"3", "4", "5", "6", "8", "64", "255", "256", "65535", "65536",
+                                                            "2147483648", "4294967295", "4294967296"};
+            for (const std::string& l : {"DFN " + q(t1), std::string("LDX DPT;"), std::string("GRA CLIQUES"),
+                                         "KXX " + oneOf(r, orders), std::string("LDX GPT;"), std::string("MODEL;")})
+                p.push_back(l);
+        } else if (chance(r, 0.8)) {
             for (const std::string& l : {"DFN " + q(t1), std::string("LDX DPT;"),
                                          chance(r, 0.7) ? std::string("GRA CHAIN") : setter(r), std::string("LDX GPT;")})
                 p.push_back(l);
