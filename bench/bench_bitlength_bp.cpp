@@ -7,8 +7,9 @@
 // 16 bits at most 64 x 64 (64512 entries), 8 bits at most 4 x 4 (192).
 #include <benchmark/benchmark.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/generators>
+#include <QZ/bp/loopy>
+#include <QZ/bp/bitlength>
 
 #include <omp.h>
 

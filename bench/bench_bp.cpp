@@ -3,8 +3,8 @@
 // side by side in the same process.
 #include <benchmark/benchmark.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/generators>
+#include <QZ/bp/loopy>
 
 #include <omp.h>
 

@@ -3,7 +3,9 @@
 // graph of ten slices over it walked edge by edge.
 #include <benchmark/benchmark.h>
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/graph/stgraph>
 
 #include <memory>
 

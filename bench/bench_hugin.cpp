@@ -6,8 +6,10 @@
 #include <benchmark/benchmark.h>
 #include <qz_refgrid.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/graph/junction_tree>
+#include <QZ/bp/hugin>
 
 #include <omp.h>
 

@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 
 #include <QZ/QZIO>
+#include <QZ/graph/generators>
 
 #include <cstdio>
 #include <fstream>

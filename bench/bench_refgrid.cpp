@@ -9,8 +9,8 @@
 #include <benchmark/benchmark.h>
 #include <qz_refgrid.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
 
 #include <omp.h>
 

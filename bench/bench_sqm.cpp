@@ -15,9 +15,10 @@
 // A_est, abs_err and rel_err are means over the timed runs.
 #include <benchmark/benchmark.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
-#include <QZ/QZINF>
+#include <QZ/graph/core>
+#include <QZ/bp/hugin>
+#include <QZ/inf/base>
+#include <QZ/inf/sqmplus>
 
 #include <algorithm>
 #include <cmath>

@@ -5,8 +5,9 @@
 #include <benchmark/benchmark.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
-#include <QZ/QZMRF>
+#include <QZ/graph/generators>
+#include <QZ/inf/base>
+#include <QZ/mrf/stats>
 #include <QZ/QZSTRUCT>
 
 #include <cstring>

@@ -8,9 +8,9 @@
 // process, is the threshold QZ::detail::threadWork.
 #include <benchmark/benchmark.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
-#include <QZ/QZMRF>
+#include <QZ/graph/generators>
+#include <QZ/bp/loopy>
+#include <QZ/mrf/model>
 
 #include <omp.h>
 

@@ -7,8 +7,8 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/bp/bitlength>
 #include <QZ/QZINT>
 
 #include <omp.h>

@@ -5,7 +5,9 @@
 #include <qz_live_count.h>
 #include <qz_graph_util.h>
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/set_graph>
+#include <QZ/graph/junction_tree>
+#include <QZ/graph/boltzmann_tree>
 
 #include <cstdlib>
 #include <cstring>

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZCOMB>
+#include <QZ/comb/counting>
 
 #include <algorithm>
 #include <cmath>
@@ -48,14 +48,14 @@ TEST(Comb, CombBoundaryCases) {
 
 TEST(CombDeathTest, Stirling2NegativeSumAborts) {
     // Rounding in the alternating sum of a case with k far above n.
-    EXPECT_DEATH((stirling2<unsigned, double>(4, 41)), "src/include/QZ/QZCOMB:[0-9]+: .*Assertion `sum>=0' failed");
+    EXPECT_DEATH((stirling2<unsigned, double>(4, 41)), "src/include/QZ/comb/counting:[0-9]+: .*Assertion `sum>=0' failed");
     // The coarse integer coefficients do not cancel.
     EXPECT_DEATH((stirling2<int, int>(3, 4)), "Assertion `sum>=0' failed");
 }
 
 TEST(CombDeathTest, CombPastTheLastRankAborts) {
     unsigned C[2];
-    EXPECT_DEATH((comb<unsigned, double>(4, 2, 7, C)), "src/include/QZ/QZCOMB:[0-9]+: .*Assertion `R!=0' failed");
+    EXPECT_DEATH((comb<unsigned, double>(4, 2, 7, C)), "src/include/QZ/comb/counting:[0-9]+: .*Assertion `R!=0' failed");
 }
 
 // ---- factorial ----

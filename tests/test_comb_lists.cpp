@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZCOMB>
+#include <QZ/comb/counting>
+#include <QZ/comb/lists>
 
 #include <algorithm>
 #include <set>
@@ -197,9 +198,9 @@ TEST(CombinatorialTablesDeathTest, EightBitMasksCanEmptyTheActiveRange) {
 }
 
 TEST(CombinatorialTablesDeathTest, OutOfRangeSizesFailTheAccessors) {
-    EXPECT_DEATH(QZ::getPermutation<unsigned int>(14, 0), "QZCOMB.*Assertion `false' failed");
+    EXPECT_DEATH(QZ::getPermutation<unsigned int>(14, 0), "comb/lists.*Assertion `false' failed");
     EXPECT_DEATH(QZ::getPermutation<unsigned int>(0, 0), "Assertion `false' failed");
-    EXPECT_DEATH(QZ::getUnorderedkPartition<unsigned int>(16, 1, 0), "QZCOMB.*Assertion `false' failed");
+    EXPECT_DEATH(QZ::getUnorderedkPartition<unsigned int>(16, 1, 0), "comb/lists.*Assertion `false' failed");
     EXPECT_DEATH(QZ::getUnorderedkPartition<unsigned int>(4, 5, 0), "Assertion `false' failed");
     EXPECT_DEATH(QZ::getUnorderedkPartition<unsigned int>(4, 0, 0), "Assertion `false' failed");
     EXPECT_DEATH(QZ::getUnorderedkPartition<unsigned int>(0, 0, 0), "Assertion `false' failed");

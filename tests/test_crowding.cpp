@@ -6,9 +6,10 @@
 #include <gtest/gtest.h>
 #include <qz_graph_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
-#include <QZ/QZINF>
+#include <QZ/bp/loopy>
+#include <QZ/team/crowding>
+#include <QZ/team/region_clock>
+#include <QZ/team/pass_team>
 
 #include <omp.h>
 #include <signal.h>

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZOPT>
+#include <QZ/opt/function>
+#include <QZ/opt/optimizer>
+#include <QZ/opt/first_order>
 
 #include <cmath>
 #include <string>

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZOPT>
+#include <QZ/opt/function>
 
 #include <cmath>
 

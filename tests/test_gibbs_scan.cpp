@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <qz_graph_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/bp/loopy>
+#include <QZ/inf/base>
 
 #include <random>
 #include <vector>

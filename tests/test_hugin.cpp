@@ -7,8 +7,9 @@
 #include <qz_graph_util.h>
 #include <qz_refgrid.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/junction_tree>
+#include <QZ/bp/hugin>
 
 #include <omp.h>
 

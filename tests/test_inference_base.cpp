@@ -4,9 +4,12 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
-#include <QZ/QZINF>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
+#include <QZ/bp/hugin>
+#include <QZ/inf/base>
+#include <QZ/inf/numeric>
+#include <QZ/inf/sqmplus>
 
 #include <cmath>
 #include <limits>

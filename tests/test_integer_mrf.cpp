@@ -5,9 +5,12 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZMRF>
-#include <QZ/QZOPT>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/bp/bitlength>
+#include <QZ/inf/base>
+#include <QZ/mrf/integer>
+#include <QZ/opt/search>
 
 #include <algorithm>
 #include <cmath>

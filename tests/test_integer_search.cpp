@@ -2,7 +2,9 @@
 // the (1+1) evolutionary search and the block steps of the coordinate search.
 #include <gtest/gtest.h>
 
-#include <QZ/QZOPT>
+#include <QZ/opt/function>
+#include <QZ/opt/optimizer>
+#include <QZ/opt/search>
 
 #include <cstdint>
 #include <functional>

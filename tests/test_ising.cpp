@@ -5,10 +5,13 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
+#include <QZ/inf/base>
+#include <QZ/mrf/ising>
+#include <QZ/opt/function>
 #include <QZ/QZDATA>
 #include <QZ/QZIO>
-#include <QZ/QZMRF>
 
 #include <cmath>
 #include <memory>

@@ -5,8 +5,10 @@
 #include <qz_live_count.h>
 #include <qz_graph_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/graph/junction_tree>
+#include <QZ/bp/hugin>
 
 #include <algorithm>
 #include <cstdlib>

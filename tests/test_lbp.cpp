@@ -4,8 +4,8 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
 
 #include <cmath>
 #include <limits>

@@ -5,9 +5,12 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZMRF>
-#include <QZ/QZOPT>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
+#include <QZ/inf/base>
+#include <QZ/mrf/model>
+#include <QZ/opt/function>
+#include <QZ/opt/first_order>
 
 #include <omp.h>
 

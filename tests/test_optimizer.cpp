@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZOPT>
+#include <QZ/opt/function>
+#include <QZ/opt/optimizer>
 
 #include <cmath>
 #include <cstddef>

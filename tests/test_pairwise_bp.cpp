@@ -5,8 +5,11 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/bp/pairwise>
+#include <QZ/bp/loopy>
+#include <QZ/bp/bitlength>
+#include <QZ/inf/base>
 
 #include <omp.h>
 

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 #include <qz_refgrid.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
 
 #include <omp.h>
 

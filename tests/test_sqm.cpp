@@ -6,8 +6,10 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZGRAPH>
-#include <QZ/QZINF>
+#include <QZ/graph/core>
+#include <QZ/inf/base>
+#include <QZ/inf/sqm>
+#include <QZ/inf/sqmplus>
 
 #include <algorithm>
 #include <chrono>

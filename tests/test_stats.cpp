@@ -3,7 +3,9 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZMRF>
+#include <QZ/graph/core>
+#include <QZ/mrf/stats>
+#include <QZ/comb/counting>
 
 #include <algorithm>
 #include <functional>

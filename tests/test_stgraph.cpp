@@ -5,7 +5,9 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/graph/stgraph>
 
 #include <algorithm>
 #include <utility>

@@ -7,8 +7,11 @@
 #include <qz_graph_util.h>
 #include <qz_strf_util.h>
 
-#include <QZ/QZBP>
-#include <QZ/QZMRF>
+#include <QZ/graph/core>
+#include <QZ/graph/stgraph>
+#include <QZ/bp/hugin>
+#include <QZ/inf/base>
+#include <QZ/mrf/strf>
 
 #include <algorithm>
 #include <cmath>

@@ -6,7 +6,10 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZSTRUCT>
-#include <QZ/QZMRF>
+#include <QZ/graph/core>
+#include <QZ/graph/generators>
+#include <QZ/inf/base>
+#include <QZ/mrf/stats>
 
 #include <algorithm>
 #include <cmath>

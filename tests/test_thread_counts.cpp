@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <qz_graph_util.h>
 
-#include <QZ/QZBP>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
+#include <QZ/team/pass_team>
+#include <QZ/mrf/model>
+#include <QZ/mrf/stats>
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
-#include <QZ/QZMRF>
 
 #include <omp.h>
 

@@ -4,7 +4,8 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/generators>
+#include <QZ/graph/stgraph>
 #include <QZ/QZIO>
 
 #include <cstdint>

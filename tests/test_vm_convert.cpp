@@ -9,7 +9,11 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
+#include <QZ/graph/stgraph>
+#include <QZ/graph/set_graph>
+#include <QZ/graph/junction_tree>
+#include <QZ/graph/boltzmann_tree>
 #include <QZ/QZIO>
 #include <QZ/QZMISC>
 

@@ -4,7 +4,7 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
 #include <QZ/QZIO>
 
 #include <cstdio>

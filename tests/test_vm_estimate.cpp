@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 #include <qz_test_util.h>
 
-#include "../src/vm_engine.h"
+#include "../src/instructions/engine.h"
 
-#include <QZ/QZBP>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
+#include <QZ/inf/base>
+#include <QZ/mrf/model>
+#include <QZ/opt/optimizer>
+#include <QZ/opt/first_order>
+#include <QZ/opt/search>
 #include <QZ/QZIO>
-#include <QZ/QZMRF>
-#include <QZ/QZOPT>
 
 #include <cfloat>
 #include <cmath>

@@ -4,7 +4,7 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
 #include <QZ/QZIO>
 #include <QZ/QZMISC>
 

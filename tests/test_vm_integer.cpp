@@ -5,14 +5,17 @@
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
 
-#include "../src/vm_engine.h"
+#include "../src/instructions/engine.h"
 
-#include <QZ/QZBP>
+#include <QZ/bp/bitlength>
+#include <QZ/inf/base>
+#include <QZ/mrf/model>
+#include <QZ/mrf/integer>
+#include <QZ/opt/optimizer>
+#include <QZ/opt/search>
 #include <QZ/QZDATA>
 #include <QZ/QZINT>
 #include <QZ/QZIO>
-#include <QZ/QZMRF>
-#include <QZ/QZOPT>
 
 #include <cmath>
 #include <cstdint>

@@ -5,7 +5,6 @@
 
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
 #include <QZ/QZIO>
 
 #include <cmath>

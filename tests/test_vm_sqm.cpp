@@ -9,8 +9,8 @@
 
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
-#include <QZ/QZINF>
+#include <QZ/inf/sqm>
+#include <QZ/inf/sqmplus>
 #include <QZ/QZIO>
 
 #include <cmath>

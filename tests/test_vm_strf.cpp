@@ -9,7 +9,7 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
+#include <QZ/graph/stgraph>
 #include <QZ/QZIO>
 #include <QZ/QZMISC>
 

@@ -7,7 +7,6 @@
 #include <qz_test_util.h>
 
 #include <QZ/QZDATA>
-#include <QZ/QZGRAPH>
 #include <QZ/QZIO>
 
 #include <cmath>

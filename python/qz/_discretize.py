@@ -6,7 +6,7 @@ from typing import Any
 import numpy as np
 
 from . import _lib
-from .context import MISSING
+from ._registers import MISSING
 
 
 def discretize(values: Any, bins: int = 5) -> Any:

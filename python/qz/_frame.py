@@ -12,12 +12,11 @@ pandas is imported here at module level: this module is only imported once a
 DataFrame has been handed over, or by code that needs pandas anyway.
 """
 
-from typing import Any, Dict, List, Optional, Sequence, Tuple
-
 import numpy as np
 import pandas as pd
 
-from .context import MISSING, QZError
+from ._errors import QZError
+from ._registers import MISSING
 
 # A model file keeps a name in 64 bytes and its terminating zero.
 MAX_NAME_BYTES = 64

@@ -47,7 +47,7 @@ A worker that dies is replaced by Dask and its partitions counted again: the
 count of a partition depends only on the partition, so the sum stays exact.
 """
 
-from typing import Any, List, Optional, Sequence, Tuple, Union
+from typing import Any, Sequence, Tuple, Union
 
 import numpy as np
 

@@ -2,7 +2,8 @@
 #ifndef QZ_BP_TEST_UTIL_H
 #define QZ_BP_TEST_UTIL_H
 
-#include <QZ/QZBP>
+#include <QZ/graph/core>
+#include <QZ/bp/loopy>
 
 namespace qztest {
 

@@ -3,7 +3,7 @@
 #ifndef QZ_GRAPH_TEST_UTIL_H
 #define QZ_GRAPH_TEST_UTIL_H
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
 
 #include <cstdlib>
 #include <functional>

@@ -5,7 +5,7 @@
 #ifndef QZ_STRF_TEST_UTIL_H
 #define QZ_STRF_TEST_UTIL_H
 
-#include <QZ/QZGRAPH>
+#include <QZ/graph/core>
 #include <QZ/QZMISC>
 
 #include <algorithm>

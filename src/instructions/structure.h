@@ -1,7 +1,7 @@
 // The part of MODEL that depends on the graph kind in GRA: which statistics are
 // counted, and the structure search that then replaces the graph.
-#ifndef QZ_VM_STRUCT_H
-#define QZ_VM_STRUCT_H
+#ifndef QZ_INSTRUCTIONS_STRUCTURE_H
+#define QZ_INSTRUCTIONS_STRUCTURE_H
 
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>

@@ -6,8 +6,8 @@
 #include <QZ/QZIO>
 #include <QZ/QZMRF>
 
-#include "vm_checks.h"
-#include "vm_struct.h"
+#include "checks.h"
+#include "structure.h"
 
 #include <stdexcept>
 #include <string>

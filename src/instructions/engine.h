@@ -1,8 +1,8 @@
 // The engine, the model function over it and the empirical means that every
 // model instruction builds from the registers and the container in MPT. Each
 // instruction makes them afresh, and deletes the model before the engine.
-#ifndef QZ_VM_ENGINE_H
-#define QZ_VM_ENGINE_H
+#ifndef QZ_INSTRUCTIONS_ENGINE_H
+#define QZ_INSTRUCTIONS_ENGINE_H
 
 #include <QZ/QZMISC>
 #include <QZ/QZBP>

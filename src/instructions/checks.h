@@ -1,8 +1,8 @@
 // Checks that the model instructions make of a table against the state spaces
 // of a model before they index anything by a cell, so that bad input ends in
 // a clear error instead of a write or read past an array.
-#ifndef QZ_VM_CHECKS_H
-#define QZ_VM_CHECKS_H
+#ifndef QZ_INSTRUCTIONS_CHECKS_H
+#define QZ_INSTRUCTIONS_CHECKS_H
 
 #include <QZ/QZMISC>
 #include <QZ/QZDATA>

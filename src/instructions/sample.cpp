@@ -9,7 +9,7 @@
 #include <QZ/QZIO>
 #include <QZ/QZMRF>
 
-#include "vm_engine.h"
+#include "engine.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,7 +1,7 @@
 // ESTIMATE: fits the container's weights to its statistics with the optimizer
 // that OPT names, over the engine and model function of the other model
 // instructions.
-#include "vm_engine.h"
+#include "engine.h"
 
 #include <QZ/QZOPT>
 

@@ -9,8 +9,8 @@
 #include <QZ/QZMRF>
 #include <vm_wrapper>
 
-#include "vm_checks.h"
-#include "vm_engine.h"
+#include "checks.h"
+#include "engine.h"
 
 #include <cmath>
 #include <cstring>
