@@ -208,63 +208,30 @@ void gibbs(QZ::LBP<size_t, double>& ia, const FactorModel& F, const PairModel& M
 }  // namespace
 
 TablePlan exactTableEntries(const PairModel& M, double limit) {
-    // The exact engine's tables are today those of qz's junction tree over
-    // the model's graph, cliques and separators alike; this estimate must
-    // follow the engine's planner wherever that goes. Its cliques are the
-    // largest of the tables met when the vertices are eliminated in the order
-    // of maximum cardinality search. That elimination is walked here first,
-    // and stops at the first table beyond the limit: on a large grid the
-    // junction tree itself takes far longer to build than the answer is
-    // worth. Only when every table fits is the tree made, for all its tables.
+    // The exact engine's own plan: the orders it tries, each stopped as soon
+    // as its tables pass the limit, so that a large grid is turned away at
+    // once instead of building its tree.
     const std::unique_ptr<Graph> G = makeGraph(M);
-    const size_t n = M.n();
-    std::vector<size_t> order(n + 1);
-    const QZ::AbstractGraph<size_t>* Gp = G.get();
-    QZ::MCS<size_t>(order.data(), Gp);
-    std::vector<std::set<size_t>> nb(n);
-    for (const auto& e : M.edges) {
-        nb[e.first].insert(e.second);
-        nb[e.second].insert(e.first);
-    }
-    std::vector<char> gone(n, 0);
-    std::vector<size_t> rest;
+    const QZ::ExactPlan p = QZ::tryExactOrders<size_t>(*G, M.Y.data(), limit * QZ::EXACT_BYTES_PER_ENTRY);
     TablePlan plan;
-    for (size_t i = 0; i < n; ++i) {
-        const size_t v = order[i];
-        gone[v] = 1;
-        rest.clear();
-        double entries = (double)M.Y[v];
-        for (size_t u : nb[v])
-            if (!gone[u]) {
-                rest.push_back(u);
-                entries *= (double)M.Y[u];
-            }
-        plan.largest = std::max(plan.largest, entries);
-        if (entries > limit) {
-            plan.total = entries;
-            plan.complete = false;
-            return plan;
+    if (p.fits) {
+        plan.largest = p.chosen.largest;
+        plan.total = p.chosen.entries;
+        return plan;
+    }
+    // No order fits: what the one that got furthest had reached.
+    plan.complete = false;
+    for (const QZ::EliminationPlan& t : p.tried)
+        if (plan.total == 0 || t.entries < plan.total) {
+            plan.total = t.entries;
+            plan.largest = t.largest;
         }
-        for (size_t a = 0; a < rest.size(); ++a)
-            for (size_t b = a + 1; b < rest.size(); ++b) {
-                nb[rest[a]].insert(rest[b]);
-                nb[rest[b]].insert(rest[a]);
-            }
-    }
-    const QZ::JunctionTree<size_t> H(*G);
-    plan.largest = 0;
-    for (size_t C = 0; C < (size_t)H.vertices(); ++C) {
-        double entries = 1.0;
-        for (const size_t& v : *H.vertexObjects(C)) entries *= (double)M.Y[v];
-        plan.largest = std::max(plan.largest, entries);
-        plan.total += entries;
-    }
     return plan;
 }
 
-// The log tables of all nodes and the scaled probabilities of the cliques,
-// both in double: at most two values of 8 bytes an entry.
-double exactBytesPerEntry() { return 2.0 * sizeof(double); }
+// The scaled probabilities of the cliques, in double: the log tables that the
+// engine can also make are not asked for by the solver.
+double exactBytesPerEntry() { return QZ::EXACT_BYTES_PER_ENTRY; }
 
 Solution solve(const SolveOptions& o, void (*report)(const std::string&)) {
     if (o.task != "PR" && o.task != "MAR" && o.task != "MAP") throw Failure("--task must be PR, MAR or MAP");
@@ -304,7 +271,7 @@ Solution solve(const SolveOptions& o, void (*report)(const std::string&)) {
         const std::string tables =
             plan.complete ? "tables hold " + number(plan.total, "%.4g") + " entries (the largest " +
                                 number(plan.largest, "%.4g") + "), " + number(need / 1048576.0, "%.4g") + " MB"
-                          : "tables hold more than " + number(plan.total, "%.4g") + " entries (one alone), over " +
+                          : "tables hold more than " + number(plan.total, "%.4g") + " entries, over " +
                                 number(need / 1048576.0, "%.4g") + " MB";
         const std::string limit = number(budget / 1048576.0, "%.4g") + " MB (--max-mb)";
         if (plan.complete && need <= budget) {
@@ -327,6 +294,8 @@ Solution runAlgorithm(const FactorModel& F, const PairModel& M, const Evidence* 
     Solution S;
     S.task = o.task;
     if (alg == "JT") {
+        // The engine refuses tables beyond its own budget, which --max-mb sets.
+        if (o.maxMb >= 0) setenv("QZ_JT_MAX_MB", number(o.maxMb, "%.17g").c_str(), 1);
         QZ::HuginAlgorithm<size_t, double> ia(G.get(), M.Y.data(), &rng, w.data());
         ia.infer(0);
         S.log10Z = ia.A() / std::log(10.0);
