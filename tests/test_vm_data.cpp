@@ -242,6 +242,32 @@ TEST(VmData, HostTableColumnsFromByteSize) {
     EXPECT_EQ(host[21], 21u % 4);
 }
 
+// Rows the host array cannot hold are refused, before anything walks them:
+// fewer bytes than one cell a row, and a row count whose byte size wraps
+// (which would divide by zero).
+TEST(VmData, HostTableRowsNeedACellEach) {
+    std::vector<unsigned short> host(4, 0);
+    for (const std::pair<size_t, size_t> rows_bytes :
+         {std::make_pair((size_t)3, (size_t)4), std::make_pair((size_t)1 << 62, (size_t)0),
+          std::make_pair(((size_t)1 << 63) + 1, (size_t)8)}) {
+        Ctx ctx;
+        wreg(ctx, "EDP", (size_t)host.data());
+        wreg(ctx, "NXX", rows_bytes.first);
+        wreg(ctx, "GPX", rows_bytes.second);
+        EXPECT_EQ(failureOf(ctx, {"LDX DPT;"}), "host table announces " + std::to_string(rows_bytes.first) +
+                                                    " rows (NXX) in " + std::to_string(rows_bytes.second) +
+                                                    " bytes (GPX): rows need at least one column");
+        EXPECT_EQ(reg(ctx, "DPT"), 0u);
+    }
+    // Two rows of two cells in 8 bytes still load.
+    Ctx ctx;
+    wreg(ctx, "EDP", (size_t)host.data());
+    wreg(ctx, "NXX", 2);
+    wreg(ctx, "GPX", 8);
+    ASSERT_TRUE(runLines(ctx, {"LDX DPT;"}));
+    EXPECT_EQ(table(ctx)->columns(), 2u);
+}
+
 TEST(VmData, HostTableWithSharedStates) {
     std::vector<unsigned short> host = {0, 4, 1, 2};
     Ctx ctx;

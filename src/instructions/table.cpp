@@ -115,8 +115,17 @@ template <typename idx_t, typename val_t> void loadData0(vm_t& vm) {
         D->addColumns(Lnum, Ly);
         vm.set(vm_t::RES, filesize(*dfn));
     } else if (NX != 0) {
-        // GPX is the byte size of the host array: its columns follow from the rows.
-        const size_t cols = vm.get(vm_t::GPX) / (NX * 2);
+        // GPX is the byte size of the host array: its columns follow from the
+        // rows. A row holds at least one cell of 2 bytes: rows that the array
+        // cannot hold (a row count whose byte size wraps, or rows without
+        // cells) would have every pass over the table walk them for nothing.
+        const size_t bytes = vm.get(vm_t::GPX);
+        if (NX > bytes / 2) {
+            delete D;
+            throw std::logic_error("host table announces " + std::to_string(NX) + " rows (NXX) in " +
+                                   std::to_string(bytes) + " bytes (GPX): rows need at least one column");
+        }
+        const size_t cols = bytes / (NX * 2);
         static_cast<CategoricalNumPyData*>(D)->read(static_cast<unsigned short*>(edp), NX, cols);
     } else {
         const std::string* text = static_cast<const std::string*>(edp);
