@@ -37,7 +37,10 @@ the dictionary's states, replaces its counts by the sum, and, for CHOWLIU and
 ELEMGM, runs the library's own learner on the counts of the complete graph.
 For a table without missing cells the container, and the model file after
 the same estimation, are byte for byte those of one machine reading the
-concatenated table. The client never holds the table: its memory is the
+concatenated table. (With VAL FLT32 a count is a whole number only up to
+2^24: the client rounds the exact 64-bit sum once, where one machine adding
+one row at a time in single precision stops growing at 2^24, so beyond it
+the two differ; FLT64 is exact up to 2^53.) The client never holds the table: its memory is the
 dictionary and one count array (a few MB for a pairwise model, however many
 rows there are).
 
