@@ -216,7 +216,7 @@ TEST(UaiSolve, LoopyBeliefPropagationIsExactOnTrees) {
 
 // Zeros, the consistency of an added variable and evidence are all weights
 // of minus infinity.
-TEST(UaiSolve, DISABLED_LoopyBeliefPropagationIsExactOnTreesWithZerosAndEvidence) {
+TEST(UaiSolve, LoopyBeliefPropagationIsExactOnTreesWithZerosAndEvidence) {
     expectPrAndMar(treeNet(false), "lbp_tree", {}, {"--alg", "LBP"}, 1e-6);
     expectPrAndMar(treeNet(true), "lbp_tree_zeros", {}, {"--alg", "LBP"}, 1e-6);
     expectPrAndMar(treeNet(true), "lbp_tree_zeros_ev", {{1, 2}, {3, 1}}, {"--alg", "LBP"}, 1e-6);
@@ -230,7 +230,7 @@ TEST(UaiSolve, MaxProductFindsTheMostProbableState) {
     expectMap(treeNet(false), "map_tree", {});
 }
 
-TEST(UaiSolve, DISABLED_MaxProductFindsTheMostProbableStateWithZerosAndEvidence) {
+TEST(UaiSolve, MaxProductFindsTheMostProbableStateWithZerosAndEvidence) {
     expectMap(treeNet(true), "map_tree_zeros", {});
     expectMap(treeNet(true), "map_tree_zeros_ev", {{1, 1}, {4, 2}});
     expectMap(pairwiseNet(true), "map_loop_ev", {{2, 1}});
@@ -290,9 +290,13 @@ TEST(UaiSolve, RefusesWhatItCannotDoAndWritesNothing) {
         // table of (x2, x3) is zero there.
         {"PR", {}, "2 2 0 3 2\n",
          "the junction tree gave a log partition function of -inf: the network with its evidence has probability zero"},
+        // Belief propagation finds it too: x2 is left without a state.
         {"MAP", {}, "2 2 0 3 2\n",
-         "max-product belief propagation found no joint state of positive probability (the network with its evidence "
-         "may have probability zero)"},
+         "belief propagation found every state of vertex 2 forbidden given the others: the model with its "
+         "observations has probability zero"},
+        {"MAR", {"--alg", "LBP"}, "2 2 0 3 2\n",
+         "belief propagation found every state of vertex 2 forbidden given the others: the model with its "
+         "observations has probability zero"},
     };
     const std::string uai = tmpPath("solve_refused.uai");
     writeFile(uai, loop.text());

@@ -625,3 +625,103 @@ TEST(Infer, NarrowIndexAndSinglePrecisionGiveTheSameDoubleArray) {
     EXPECT_NEAR(regR(f, "LNZ"), regR(c, "LNZ"), 1e-4);
     EXPECT_EQ(std::vector<float>(iof->w, iof->w + iof->dim), w0);
 }
+
+// ------------------------------------------------- forbidden joint states
+
+namespace {
+
+const double kNegInf = -std::numeric_limits<double>::infinity();
+
+// The chain a-b-c with b = 0 (otherwise strongly favoured) forbidden next to
+// a = 0, and the pair b = 2, c = 1 forbidden.
+IOd* buildWithZeros(void* c, const std::string& tag) {
+    IOd* io = build(c, tag);
+    if (io == nullptr) return nullptr;
+    for (unsigned long i = 0; i < io->dim; ++i) io->w[i] = 0.3 * std::sin(1.1 * (double)i);
+    io->w[1 * 3 + 0] = 3.0;      // a = 1, b = 0
+    io->w[0 * 3 + 0] = kNegInf;  // a = 0, b = 0
+    io->w[6 + 0 * 2 + 0] = 3.0;  // b = 0, c = 0
+    io->w[6 + 2 * 2 + 1] = kNegInf;
+    return io;
+}
+
+}  // namespace
+
+TEST(Predict, NeverPredictsAForbiddenStateOfAModelWithZeros) {
+    Ctx c;
+    IOd* io = buildWithZeros(c, "predict_zeros");
+    ASSERT_NE(io, nullptr);
+    QZ::CategoricalData* D = table(c);
+    // Row 0: a = 0 observed, b and c missing; row 1: a = 1, b missing, c = 1.
+    D->set(0, 0, 0);
+    D->set(QZ::CategoricalData::MIS_VAL, 0, 1);
+    D->set(QZ::CategoricalData::MIS_VAL, 0, 2);
+    D->set(1, 1, 0);
+    D->set(QZ::CategoricalData::MIS_VAL, 1, 1);
+    D->set(1, 1, 2);
+    const std::vector<double> w0 = weights(io);
+    ASSERT_TRUE(runLines(c, {"PPX 1", "PREDICT;"}));
+    Brute B(io);
+    // The most probable completion of each row by enumeration.
+    for (size_t row : {0u, 1u}) {
+        const State obs = row == 0 ? State{0, -1, -1} : State{1, -1, 1};
+        double best = kNegInf;
+        std::vector<size_t> arg;
+        B.each(obs, [&](const std::vector<size_t>& x, double lp) {
+            if (lp > best) {
+                best = lp;
+                arg = x;
+            }
+        });
+        ASSERT_GT(best, kNegInf);
+        for (size_t v = 0; v < 3; ++v) EXPECT_EQ(D->get(row, v), arg[v]) << "row " << row << " vertex " << v;
+        EXPECT_GT(B.logPotential({D->get(row, 0), D->get(row, 1), D->get(row, 2)}), kNegInf);
+    }
+    // b = 0 next to a = 0 has probability 0, and the text says so.
+    std::vector<std::string> names;
+    std::vector<double> probs;
+    parseCell(cellText(D, 0, 1), names, probs);
+    ASSERT_EQ(probs.size(), 3u);
+    EXPECT_EQ(probs[0], 0.0);
+    EXPECT_EQ(weights(io), w0);
+}
+
+TEST(Predict, ObservationsOfProbabilityZeroStopWithAnError) {
+    Ctx c;
+    IOd* io = buildWithZeros(c, "predict_impossible");
+    ASSERT_NE(io, nullptr);
+    QZ::CategoricalData* D = table(c);
+    D->set(0, 0, 0);
+    D->set(0, 0, 1);  // a = 0, b = 0: forbidden
+    // Vertex 0 is the first whose observed state the others forbid.
+    EXPECT_EQ(failureOf(c, {"PREDICT;"}),
+              "belief propagation found every state of vertex 0 forbidden given the others: the model with its "
+              "observations has probability zero");
+}
+
+// A row in a forbidden joint state has the log-likelihood minus infinity,
+// and so has the mean; the others score as they would alone.
+TEST(Score, ARowInAForbiddenStateScoresMinusInfinity) {
+    for (const char* slw : {"0", "1"}) {
+        Ctx c;
+        IOd* io = buildWithZeros(c, std::string("score_zeros") + slw);
+        ASSERT_NE(io, nullptr);
+        QZ::CategoricalData* D = table(c);
+        // Rows allowed by the model: no a = 0 with b = 0, no b = 2 with c = 1.
+        for (size_t i = 0; i < D->rows(); ++i) {
+            D->set(1, i, 0);
+            D->set((unsigned short)(i % 2), i, 1);
+            D->set(0, i, 2);
+        }
+        ASSERT_TRUE(runLines(c, {std::string("SLW ") + slw, "SCORE;"}));
+        Brute B(io);
+        const double lz = B.logZ(B.none());
+        EXPECT_NEAR(regR(c, "LNZ"), lz, 1e-9) << slw;
+        EXPECT_NEAR(regR(c, "RES"), B.rowSum(D, 0, lz) / (double)D->rows(), 1e-9) << slw;
+        D->set(0, 2, 0);
+        D->set(0, 2, 1);
+        ASSERT_TRUE(runLines(c, {"SCORE;"}));
+        EXPECT_EQ(regR(c, "RES"), kNegInf) << slw;
+        EXPECT_NEAR(regR(c, "LNZ"), lz, 1e-9) << slw;
+    }
+}

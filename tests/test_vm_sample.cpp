@@ -8,6 +8,7 @@
 #include <QZ/QZIO>
 
 #include <cmath>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -317,4 +318,93 @@ TEST(Sample, AnEngineThatCannotBeMadeIsReportedToTheCaller) {
     }
     EXPECT_EQ(what, "unknown inference algorithm");
     EXPECT_EQ(cells(table(c)), before);
+}
+
+// ------------------------------------------------- forbidden joint states
+
+namespace {
+
+const double kNegInf = -std::numeric_limits<double>::infinity();
+
+// The chain's weights with zeros: a = x forbids b = p, b = r forbids c = 2,
+// and a = y, b = q is forbidden too.
+IOd* buildWithZeros(void* c, const std::string& tag, size_t rows) {
+    IOd* io = build(c, tag, rows);
+    if (io == nullptr) return nullptr;
+    io->w[0 * 3 + 0] = kNegInf;
+    io->w[1 * 3 + 1] = kNegInf;
+    io->w[6 + 2 * 2 + 1] = kNegInf;
+    return io;
+}
+
+double rowLogPotential(const IOd* io, const QZ::CategoricalData* D, size_t i) {
+    const double* w = io->w;
+    return w[D->get(i, 0) * 3 + D->get(i, 1)] + w[6 + D->get(i, 1) * 2 + D->get(i, 2)];
+}
+
+}  // namespace
+
+TEST(Sample, GibbsOnAModelWithZerosMatchesTheMarginalsAndNeverDrawsAForbiddenRow) {
+    Ctx c;
+    IOd* io = buildWithZeros(c, "gibbs_zeros", 4000);
+    ASSERT_NE(io, nullptr);
+    QZ::CategoricalData* D = table(c);
+    // Free cells of both kinds: beyond the states, and missing.
+    fill(D, 0, kFree);
+    fill(D, 1, QZ::CategoricalData::MIS_VAL);
+    fill(D, 2, kFree);
+    wregR(c, "PAM", 0.0);
+    // The zeros leave single-site moves a narrow way between the likely
+    // states (a = y, b = p to a = x, b = q only through b = r): the chain
+    // needs more sweeps to forget its start.
+    wreg(c, "GRE", 300);
+    ASSERT_TRUE(runLines(c, {"SAMPLE;"}));
+    for (size_t i = 0; i < D->size(); ++i) ASSERT_GT(rowLogPotential(io, D, i), kNegInf) << i;
+    expectFrequencies(D, io, {-1, -1, -1});
+    // Given b = q, a = y is impossible.
+    fill(D, 0, kFree);
+    fill(D, 1, 1);
+    fill(D, 2, kFree);
+    ASSERT_TRUE(runLines(c, {"SAMPLE;"}));
+    for (size_t i = 0; i < D->size(); ++i) ASSERT_EQ(D->get(i, 0), 0u) << i;
+    expectFrequencies(D, io, {-1, 1, -1});
+}
+
+TEST(Sample, PerturbAndMapOnAModelWithZerosNeverDrawsAForbiddenRow) {
+    Ctx c;
+    IOd* io = buildWithZeros(c, "pam_zeros", 400);
+    ASSERT_NE(io, nullptr);
+    QZ::CategoricalData* D = table(c);
+    fill(D, 1, QZ::CategoricalData::MIS_VAL);
+    fill(D, 2, kFree);
+    const Cells before = cells(D);
+    wregR(c, "PAM", 1.0);
+    ASSERT_TRUE(runLines(c, {"SAMPLE;"}));
+    std::vector<size_t> seen(3, 0);
+    for (size_t i = 0; i < D->size(); ++i) {
+        EXPECT_EQ(D->get(i, 0), before[i][0]);
+        ASSERT_GT(rowLogPotential(io, D, i), kNegInf) << i;
+        ++seen[D->get(i, 1)];
+    }
+    // The noise makes more than one state of b come up.
+    EXPECT_GE((seen[0] > 0) + (seen[1] > 0) + (seen[2] > 0), 2);
+}
+
+TEST(Sample, RowsOfProbabilityZeroStopWithAnError) {
+    for (double pam : {0.0, 1.0}) {
+        Ctx c;
+        IOd* io = buildWithZeros(c, "sample_impossible", 20);
+        ASSERT_NE(io, nullptr);
+        QZ::CategoricalData* D = table(c);
+        fill(D, 0, 0);
+        fill(D, 1, 0);  // a = x, b = p: forbidden
+        fill(D, 2, kFree);
+        wregR(c, "PAM", pam);
+        const std::string err = failureOf(c, {"SAMPLE;"});
+        if (pam == 0.0)
+            EXPECT_EQ(err.rfind("SAMPLE found no possible joint state for row ", 0), 0u) << err;
+        else
+            EXPECT_EQ(err, "belief propagation found every state of vertex 0 forbidden given the others: the model "
+                           "with its observations has probability zero");
+    }
 }

@@ -204,6 +204,11 @@ template <typename idx_t, typename val_t> void predictFunc0(vm_t& vm) {
     if (cbp != nullptr) cbp(0, N, nm);
 
     InferenceAlgorithm<idx_t, val_t>* E = q.P->engine();
+    // A floating model reports a missing cell as state 0 (the marker's
+    // conversion); where weights of minus infinity forbid states, that
+    // state may be impossible, and the cell gets its state of largest
+    // max-marginal instead, which never is.
+    const bool forbids = E->hasForbiddenStates();
     for (size_t i = 0; i < N; ++i) {
         for (size_t j = 0; j < cols; ++j) {
             const size_t c = D->get(i, j);
@@ -213,6 +218,9 @@ template <typename idx_t, typename val_t> void predictFunc0(vm_t& vm) {
         }
         E->infer((idx_t)1);
         E->MM(X);
+        if (forbids)
+            for (idx_t v = 0; v < n; ++v)
+                if (!O[v]) X[v] = (val_t)E->maxMarginalState(v);
         if (ppx) E->MMP(PZ);
 
         size_t xpos = 0;
@@ -273,6 +281,10 @@ template <typename idx_t, typename val_t> void scoreFunc0(vm_t& vm) {
                 X[j] = (idx_t)c;
             }
         }
+        // A row in a forbidden joint state has probability 0: its log is
+        // minus infinity, and so is the mean, which the machine reports as
+        // not finite. An error would hide the score of the other rows, and
+        // a mean without the row would overstate the model.
         const val_t logP = IA->log_potential(X) - A;
         t += logP;
         tt += logP * logP;

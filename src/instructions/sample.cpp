@@ -16,6 +16,8 @@
 #include <exception>
 #include <limits>
 #include <random>
+#include <stdexcept>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -114,6 +116,8 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
         idx_t* V = nullptr;
         idx_t* E = nullptr;
         std::vector<char> perturbed;
+        std::vector<idx_t> drawn;
+        bool forbids = false;
         try {
             IA = vm.getIA<idx_t, val_t>();
             localw = new val_t[io->dim];
@@ -126,6 +130,8 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
             V = new idx_t[n];
             E = new idx_t[maxDeg > 0 ? maxDeg : 1];
             perturbed.assign((size_t)G->edges(), 0);
+            drawn.assign((size_t)n, 0);
+            forbids = IA->hasForbiddenStates();
         } catch (...) {
 #pragma omp critical(sample_failure)
             {
@@ -145,54 +151,84 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                     total += 1;
                     if (cbp != nullptr) cbp(total, num_samples, nm);
                 }
+                bool stopped;
+#pragma omp atomic read
+                stopped = failed;
+                if (stopped) continue;
+                try {
+                    for (idx_t v = 0; v < n; ++v)
+                        X[v] = observedCell(D, i, v, cols) ? (val_t)D->get(i, v) : (val_t)-1;
+                    // A floating model keeps a missing cell at the marker, which
+                    // becomes state 0; with forbidden states that state may be
+                    // impossible, so there the cell is drawn as a free one.
+                    if (forbids)
+                        for (idx_t v = 0; v < n; ++v)
+                            if (!observedCell(D, i, v, cols)) X[v] = (val_t)Y[v];
 
-                for (idx_t v = 0; v < n; ++v)
-                    X[v] = observedCell(D, i, v, cols) ? (val_t)D->get(i, v) : (val_t)-1;
-
-                if (pam == 0.0) {
-                    IA->GIBBS(X, gre, true);
-                } else {
-                    InferenceAlgorithm<idx_t, val_t>* en = P->engine();
-                    for (idx_t v = 0; v < n; ++v) en->observe(v, X[v]);
-                    std::extreme_value_distribution<double> gumDist(0.0, pam);
-                    std::fill(perturbed.begin(), perturbed.end(), (char)0);
-                    val_t* cp = P->current_point();
-                    shuffleAll(V, n, *local_random_engine);
-                    for (idx_t k = 0; k < n; ++k) {
-                        const idx_t u = V[k];
-                        const idx_t nn = G->num_neighbors(u);
-                        shuffleAll(E, nn, *local_random_engine);
-                        bool found = false;
-                        for (idx_t j = 0; j < nn; ++j) {
-                            const idx_t e = G->in_edge(u, E[j]);
-                            if (perturbed[e]) continue;
-                            perturbed[e] = 1;
-                            const idx_t hi = woff[n + e + 1] - c;
-                            for (idx_t q = woff[n + e] - c; q < hi; ++q)
-                                cp[q] = addNoise(cp[q], gumDist(*local_random_engine));
-                            found = true;
-                            break;
-                        }
-                        // A vertex without edges has no block to perturb: it
-                        // gets no noise, and MM decides it as any other.
-                        if (!found && nn > 0) {
-                            // Noise shared by a whole block: the block of the
-                            // first incident edge.
-                            const idx_t e = G->in_edge(u, 0);
-                            const idx_t lo = woff[n + e] - c, hi = woff[n + e + 1] - c;
-                            for (idx_t r = 0; r < Y[u]; ++r) {
-                                const val_t z = truncNoise<val_t>(gumDist(*local_random_engine));
-                                for (idx_t q = lo; q < hi; ++q) cp[q] += z;
+                    if (pam == 0.0) {
+                        IA->GIBBS(X, gre, true);
+                    } else {
+                        InferenceAlgorithm<idx_t, val_t>* en = P->engine();
+                        for (idx_t v = 0; v < n; ++v) en->observe(v, X[v]);
+                        std::extreme_value_distribution<double> gumDist(0.0, pam);
+                        std::fill(perturbed.begin(), perturbed.end(), (char)0);
+                        val_t* cp = P->current_point();
+                        shuffleAll(V, n, *local_random_engine);
+                        for (idx_t k = 0; k < n; ++k) {
+                            const idx_t u = V[k];
+                            const idx_t nn = G->num_neighbors(u);
+                            shuffleAll(E, nn, *local_random_engine);
+                            bool found = false;
+                            for (idx_t j = 0; j < nn; ++j) {
+                                const idx_t e = G->in_edge(u, E[j]);
+                                if (perturbed[e]) continue;
+                                perturbed[e] = 1;
+                                const idx_t hi = woff[n + e + 1] - c;
+                                for (idx_t q = woff[n + e] - c; q < hi; ++q)
+                                    cp[q] = addNoise(cp[q], gumDist(*local_random_engine));
+                                found = true;
+                                break;
+                            }
+                            // A vertex without edges has no block to perturb: it
+                            // gets no noise, and MM decides it as any other.
+                            if (!found && nn > 0) {
+                                // Noise shared by a whole block: the block of the
+                                // first incident edge.
+                                const idx_t e = G->in_edge(u, 0);
+                                const idx_t lo = woff[n + e] - c, hi = woff[n + e + 1] - c;
+                                for (idx_t r = 0; r < Y[u]; ++r) {
+                                    const val_t z = truncNoise<val_t>(gumDist(*local_random_engine));
+                                    for (idx_t q = lo; q < hi; ++q) cp[q] += z;
+                                }
                             }
                         }
+                        P->decode_weights();
+                        en->infer((idx_t)1);
+                        en->MM(X);
+                        if (forbids)
+                            for (idx_t v = 0; v < n; ++v)
+                                if (!observedCell(D, i, v, cols)) X[v] = (val_t)en->maxMarginalState(v);
+                        std::memcpy(P->current_point(), io->w, sizeof(val_t) * (size_t)P->dim());
                     }
-                    P->decode_weights();
-                    en->infer((idx_t)1);
-                    en->MM(X);
-                    std::memcpy(P->current_point(), io->w, sizeof(val_t) * (size_t)P->dim());
-                }
+                    if (forbids) {
+                        // Never a forbidden sample: Gibbs sampling from a state
+                        // of probability zero may not have left it in its sweeps,
+                        // and loopy max-marginals may combine into one.
+                        for (idx_t v = 0; v < n; ++v) drawn[v] = plain_idx<idx_t, val_t>(X[v]);
+                        if (!(IA->log_potential(drawn.data()) > -std::numeric_limits<val_t>::infinity()))
+                            throw std::logic_error("SAMPLE found no possible joint state for row " + std::to_string(i) +
+                                                   ": the model with the row's cells may have probability zero");
+                    }
 
-                for (size_t v = 0; v < stored; ++v) D->set(sampleCode(X[v]), i, v, false);
+                    for (size_t v = 0; v < stored; ++v) D->set(sampleCode(X[v]), i, v, false);
+                } catch (...) {
+#pragma omp critical(sample_failure)
+                    {
+                        if (!failed) failure = std::current_exception();
+#pragma omp atomic write
+                        failed = true;
+                    }
+                }
             }
         }
 
