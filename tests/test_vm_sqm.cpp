@@ -270,3 +270,21 @@ TEST(VmSqm, NarrowIndexAndSinglePrecision) {
     EXPECT_EQ(regR(c, "LNZ"), (double)t.e.A());
     EXPECT_EQ(published(c, 10), t.vertexMarginals());
 }
+
+// A forbidden joint state leaves the expansion no range of weights to
+// approximate exp over: INFER and SLW runs stop with an error that names the
+// weight, and the model keeps its weights.
+TEST(VmSqm, ModelWithAForbiddenJointStateIsRefused) {
+    for (const char* slw : {"0", "1"}) {
+        Ctx c;
+        IOd* io = build(c, std::string("forbidden") + slw);
+        ASSERT_NE(io, nullptr);
+        io->w[12] = -std::numeric_limits<double>::infinity();
+        const std::vector<double> w0 = weightsOf(io);
+        EXPECT_EQ(failureOf(c, {"ALG SQM;", std::string("SLW ") + slw, "INFER;"}),
+                  "SQM cannot expand a model with forbidden joint states (weight 12 is minus infinity): use ALG JT "
+                  "or ALG LBP")
+            << slw;
+        EXPECT_EQ(weightsOf(io), w0);
+    }
+}
