@@ -3,11 +3,15 @@
 #include <gtest/gtest.h>
 #include <qz_graph_util.h>
 #include <qz_test_util.h>
+#include <qz_refgrid.h>
 
 #include <QZ/graph/core>
 #include <QZ/bp/loopy>
 
+#include <omp.h>
+
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <random>
@@ -572,5 +576,50 @@ TEST(LBP, ContinuedRunOfANewEngineStartsAsANewRun) {
                 const unsigned int k = Y[rev ? el[e].first : el[e].second];
                 for (unsigned int y = 0; y < k; ++y) EXPECT_EQ(cont.messages(e, rev)[y], fresh.messages(e, rev)[y]);
             }
+    }
+}
+
+// Engines run inside a region of the caller's too (each thread of SAMPLE
+// and PREDICT has one): the log-domain sweeps' shared loops must stay with
+// their own engine. Weights this large take those sweeps; one weight of
+// minus infinity takes the sweeps that keep it. Each thread's engine gives
+// the bits of a lone run.
+TEST(LBP, EnginesOnTheThreadsOfACallersRegionRunAlone) {
+    typedef unsigned long I;
+    const size_t N = 12;
+    const qztest::RefGrid R = qztest::refGrid(N, 2);
+    // The graph takes the edge array over and frees it.
+    I* A = (I*)std::calloc(2 * R.edges.size(), sizeof(I));
+    for (size_t e = 0; e < R.edges.size(); ++e) {
+        A[2 * e] = R.edges[e].first;
+        A[2 * e + 1] = R.edges[e].second;
+    }
+    QZ::Graph<I> G(true, A, (I)(N * N), (I)R.edges.size());
+    std::vector<I> Y(N * N, 2);
+    for (const bool forbid : {false, true}) {
+        std::vector<double> w(R.w);
+        for (double& x : w) x *= 400;
+        if (forbid) w[5] = -std::numeric_limits<double>::infinity();
+        double lone[2];
+        for (int mode : {0, 1}) {
+            QZ::LBP<I, double> bp(&G, Y.data(), nullptr, w.data(), false);
+            bp.setMaxIter(30);
+            bp.infer((I)mode);
+            lone[mode] = bp.A();
+            ASSERT_FALSE(std::isnan(lone[mode])) << forbid << mode;
+        }
+        double got[2][2];
+#pragma omp parallel num_threads(2)
+        {
+            const int t = omp_get_thread_num();
+            QZ::LBP<I, double> bp(&G, Y.data(), nullptr, w.data(), false);
+            bp.setMaxIter(30);
+            for (int mode : {0, 1}) {
+                bp.infer((I)mode);
+                got[t][mode] = bp.A();
+            }
+        }
+        for (int t : {0, 1})
+            for (int mode : {0, 1}) EXPECT_EQ(got[t][mode], lone[mode]) << "forbid " << forbid << " thread " << t << " mode " << mode;
     }
 }

@@ -117,6 +117,7 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
         idx_t* E = nullptr;
         std::vector<char> perturbed;
         std::vector<idx_t> drawn;
+        std::vector<val_t> start;
         bool forbids = false;
         try {
             IA = vm.getIA<idx_t, val_t>();
@@ -132,6 +133,7 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
             perturbed.assign((size_t)G->edges(), 0);
             drawn.assign((size_t)n, 0);
             forbids = IA->hasForbiddenStates();
+            if (forbids) start.assign((size_t)n, (val_t)0);
         } catch (...) {
 #pragma omp critical(sample_failure)
             {
@@ -165,7 +167,32 @@ template <typename idx_t, typename val_t> void sampleFunc0(vm_t& vm) {
                         for (idx_t v = 0; v < n; ++v)
                             if (!observedCell(D, i, v, cols)) X[v] = (val_t)Y[v];
 
-                    if (pam == 0.0) {
+                    if (pam == 0.0 && forbids) {
+                        // The chain starts, as on a finite model, from a
+                        // uniform draw of the free vertices (the same draws).
+                        // A draw of probability zero may keep the chain in such
+                        // states for many sweeps (narrow constraints mix
+                        // slowly) and end it in one: it then starts from the
+                        // max-product state given the row's cells instead, and
+                        // a row of probability zero stops with the engine's
+                        // error.
+                        for (idx_t v = 0; v < n; ++v) {
+                            if (plain_idx<idx_t, val_t>(X[v]) < Y[v]) {
+                                start[v] = X[v];
+                            } else {
+                                std::uniform_int_distribution<unsigned long long> U(0, (unsigned long long)Y[v] - 1);
+                                start[v] = (val_t)U(*local_random_engine);
+                            }
+                            drawn[v] = plain_idx<idx_t, val_t>(start[v]);
+                        }
+                        if (!(IA->log_potential(drawn.data()) > -std::numeric_limits<val_t>::infinity())) {
+                            for (idx_t v = 0; v < n; ++v) IA->observe(v, X[v]);
+                            IA->infer((idx_t)1);
+                            for (idx_t v = 0; v < n; ++v)
+                                if (!(plain_idx<idx_t, val_t>(X[v]) < Y[v])) start[v] = (val_t)IA->maxMarginalState(v);
+                        }
+                        IA->GIBBS(X, gre, true, start.data());
+                    } else if (pam == 0.0) {
                         IA->GIBBS(X, gre, true);
                     } else {
                         InferenceAlgorithm<idx_t, val_t>* en = P->engine();
