@@ -42,41 +42,18 @@ static inline bool prefixAt(const std::string& s, size_t pos, const std::string&
 static inline bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 size_t vm_t::parseNext(const std::string& s, size_t pos) {
-    for (const auto& row : ARGS0) {
-        if (prefixAt(s, pos, row.first)) {
+    // The mnemonics by operand count, tried in that order: the first prefix
+    // that matches wins, and its operands follow it.
+    const std::vector<std::pair<std::string, OpType>>* const byOperands[] = {&ARGS0, &ARGS1, &ARGS2, &ARGS3};
+    for (int k = 0; k < 4; ++k) {
+        for (const auto& row : *byOperands[k]) {
+            if (!prefixAt(s, pos, row.first)) continue;
             op = row.second;
             pos += row.first.size();
             execPending = true;
-            return pos;
-        }
-    }
-    for (const auto& row : ARGS1) {
-        if (prefixAt(s, pos, row.first)) {
-            op = row.second;
-            pos += row.first.size();
-            execPending = true;
-            target = parseVar(s, pos);
-            return pos;
-        }
-    }
-    for (const auto& row : ARGS2) {
-        if (prefixAt(s, pos, row.first)) {
-            op = row.second;
-            pos += row.first.size();
-            execPending = true;
-            target = parseVar(s, pos);
-            source = parseVar(s, pos);
-            return pos;
-        }
-    }
-    for (const auto& row : ARGS3) {
-        if (prefixAt(s, pos, row.first)) {
-            op = row.second;
-            pos += row.first.size();
-            execPending = true;
-            target = parseVar(s, pos);
-            source = parseVar(s, pos);
-            loader = parseVar(s, pos);
+            if (k >= 1) target = parseVar(s, pos);
+            if (k >= 2) source = parseVar(s, pos);
+            if (k >= 3) loader = parseVar(s, pos);
             return pos;
         }
     }
